@@ -1,0 +1,98 @@
+#include "daemon/Daemon.h"
+
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <exception>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "config/ConfigLoader.h"
+#include "config/Log.h"
+#include "daemon/Monitoring.h"
+#include "recovery/IdleDetector.h"
+
+namespace tavrend {
+namespace {
+
+// Creates the monitors in their fixed order, each after its info line.
+void createMonitors(const ConfigVariables& /*config*/, SamplerList& /*samplers*/) {}
+
+// Initialises the monitors front to back; one whose init fails is dropped and
+// the monitor that moves into its place is initialised next.
+void initMonitors(SamplerList& samplers) {
+    TLOGI("Initializing samplers...");
+    for (auto it = samplers.begin(); it != samplers.end();) {
+        if ((*it)->init()) {
+            ++it;
+        } else {
+            it = samplers.erase(it);
+        }
+    }
+}
+
+}  // namespace
+
+int daemonMain() {
+    TLOGI("Starting Tavren Daemon");
+    TLOGI("Setting up Config Variables");
+
+    std::unique_ptr<std::thread> idleThread;
+    try {
+        ConfigVariables config;
+        if (!parseJSONConfig(config)) return -1;
+
+        IdleDetector idleDetector(config);
+        SamplerList samplers;
+        CriticalConditionType criticalCondition = NO_CRITICAL_CONDITION;
+        bool idleThreadStarted = false;
+        auto idleBody = [](IdleDetector* detector) { detector->trackIdleStatus(); };
+
+        createMonitors(config, samplers);
+        initMonitors(samplers);
+
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGTERM);
+        if (sigprocmask(SIG_BLOCK, &signals, nullptr) != 0) {
+            TLOGE("Error: Failed to block signal");
+        } else {
+            int signalFd = signalfd(-1, &signals, 0);
+            if (signalFd < 0) {
+                TLOGE("Error: failed to associate signal with fd");
+            } else {
+                try {
+                    startMonitoring(signalFd, samplers, criticalCondition, idleDetector);
+                } catch (const std::exception& e) {
+                    TLOGE("main failed, reason=runttimeFailed %s", e.what());
+                }
+                // The signal descriptor is left open until the process exits.
+            }
+        }
+
+        for (auto& sampler : samplers) {
+            std::shared_ptr<MetricSamplerInterface> keep = sampler;
+            keep->uninitialize();
+        }
+
+        if (criticalCondition == NO_CRITICAL_CONDITION) {
+            TLOGE("Invalid Critical Condition");
+        } else {
+            idleDetector.criticalConditionDetected.store(true, std::memory_order_release);
+            idleDetector.criticalConditionType.store(criticalCondition, std::memory_order_release);
+            if (!idleThreadStarted) {
+                idleThread = std::make_unique<std::thread>(idleBody, &idleDetector);
+            }
+            idleThread->join();
+        }
+    } catch (const std::exception& e) {
+        TLOGE("main failed, reason=runttimeFailed %s", e.what());
+    }
+
+    TLOGI("Exiting");
+    return 0;
+}
+
+}  // namespace tavrend

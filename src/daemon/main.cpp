@@ -1,0 +1,3 @@
+#include "daemon/Daemon.h"
+
+int main() { return tavrend::daemonMain(); }
