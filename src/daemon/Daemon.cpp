@@ -12,16 +12,19 @@
 #include "config/ConfigLoader.h"
 #include "config/Log.h"
 #include "daemon/Monitoring.h"
+#include "metrics/TavrenMetricConfig.h"
 #include "recovery/IdleDetector.h"
 
 namespace tavrend {
 namespace {
 
+constexpr const char* kMetricConfigPath = "/system/etc/tavrend/tavrend_metric_config.json";
+
 // Creates the monitors in their fixed order, each after its info line.
 void createMonitors(const ConfigVariables& /*config*/, SamplerList& /*samplers*/) {}
 
-// Initialises the monitors front to back; one whose init fails is dropped and
-// the monitor that moves into its place is initialised next.
+}  // namespace
+
 void initMonitors(SamplerList& samplers) {
     TLOGI("Initializing samplers...");
     for (auto it = samplers.begin(); it != samplers.end();) {
@@ -33,8 +36,6 @@ void initMonitors(SamplerList& samplers) {
     }
 }
 
-}  // namespace
-
 int daemonMain() {
     TLOGI("Starting Tavren Daemon");
     TLOGI("Setting up Config Variables");
@@ -43,6 +44,10 @@ int daemonMain() {
     try {
         ConfigVariables config;
         if (!parseJSONConfig(config)) return -1;
+
+        if (!TavrenMetricConfig::instance().loadConfig(kMetricConfigPath)) {
+            TLOGW("WARN: Failed to load metric config file");
+        }
 
         IdleDetector idleDetector(config);
         SamplerList samplers;

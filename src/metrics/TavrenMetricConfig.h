@@ -11,6 +11,13 @@
 
 namespace tavrend {
 
+inline constexpr const char* kDefaultMetricConfigPath =
+    "/system/etc/tavrend/tavrend_metric_config.json";
+inline constexpr const char* kOverrideMetricConfigPath =
+    "/data/system/tavrend/tavrend_metric_config.json";
+// When true, the data-partition copy is read whatever path the caller passes.
+inline constexpr const char* kMetricOverrideProperty = "tavrend.metric.override";
+
 struct MetricField {
     std::string name;
     std::string dimensionTag;

@@ -10,6 +10,9 @@
 
 namespace tavrend {
 
+// Tag of every record in the metrics log buffer (LOG_ID_METRICS).
+inline constexpr const char* kMetricsLogTag = "metrics.tavrend";
+
 using MetricPairs = std::vector<std::pair<std::string, std::string>>;
 
 // Replaces every ':' and then every ';' with '_'.

@@ -6,6 +6,7 @@
 
 #include "config/ConfigVariables.h"
 #include "daemon/MetricSamplerInterface.h"
+#include "metrics/TavrendMetric.h"
 
 namespace tavrend {
 
@@ -35,9 +36,19 @@ public:
     std::atomic<CriticalConditionType> criticalConditionType{NO_CRITICAL_CONDITION};
 
 private:
+    // Adds a duration record (when metrics are enabled) and publishes it (when
+    // the IdleDetector configuration exists with its legacy interface active).
+    void emitDuration(const std::string& name, unsigned long value);
+    void publishDuration(bool haveEntry, bool legacyActive, const std::string& name,
+                         unsigned long value);
+
     const ConfigVariables& config;
     std::string tag;
+    TavrendMetric metric;
     bool deviceIdle = false;  // guarded by the file-scope idle mutex
 };
+
+// Uptime in seconds from sysinfo, or 0 when sysinfo fails.
+unsigned readUptimeSec();
 
 }  // namespace tavrend
