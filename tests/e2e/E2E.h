@@ -1,0 +1,86 @@
+// Shared pieces of the end-to-end tests: a daemon run on a device root with
+// its logs in a temporary directory.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "support/DeviceRoot.h"
+#include "support/Subprocess.h"
+
+namespace tavrend::test {
+
+struct LogLine {
+    char priority;
+    std::string tag;
+    std::string message;
+};
+
+// Parses a host log file written in `logcat -v threadtime` layout.
+inline std::vector<LogLine> readLog(const std::string& path) {
+    static const std::regex layout(
+        R"(^\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} +\d+ +\d+ ([VDIWEF]) (.*?) *: (.*)$)");
+    std::vector<LogLine> out;
+    std::ifstream in(path);
+    std::string line;
+    while (std::getline(in, line)) {
+        std::smatch m;
+        if (std::regex_match(line, m, layout)) out.push_back({m[1].str()[0], m[2], m[3]});
+    }
+    return out;
+}
+
+inline std::vector<std::string> messagesOf(const std::vector<LogLine>& lines) {
+    std::vector<std::string> out;
+    for (const auto& l : lines) out.push_back(l.message);
+    return out;
+}
+
+// Index of the first message equal to `msg` at or after `from`, or -1.
+inline long findMessage(const std::vector<LogLine>& lines, const std::string& msg, size_t from = 0) {
+    for (size_t i = from; i < lines.size(); ++i) {
+        if (lines[i].message == msg) return static_cast<long>(i);
+    }
+    return -1;
+}
+
+class DaemonRun {
+public:
+    explicit DaemonRun(const DeviceRoot& root) : root_(root) {
+        logDir_ = root.path() + "/../" + std::filesystem::path(root.path()).filename().string() +
+                  "-logs";
+        std::filesystem::create_directories(logDir_);
+    }
+    ~DaemonRun() {
+        std::error_code ec;
+        std::filesystem::remove_all(logDir_, ec);
+    }
+    void start() {
+        proc_ = std::make_unique<Subprocess>(
+            binPath("tavrend"), std::vector<std::string>{},
+            std::map<std::string, std::string>{{"TAVREND_ROOT", root_.path()},
+                                               {"TAVREND_LOG_DIR", logDir_}},
+            logDir_ + "/stderr.txt");
+    }
+    Subprocess& process() { return *proc_; }
+    std::vector<LogLine> log(const char* buffer = "system") const {
+        return readLog(logDir_ + "/" + buffer + ".log");
+    }
+    bool waitForMessage(const std::string& msg, std::chrono::milliseconds timeout) const {
+        return waitUntil([&] { return findMessage(log(), msg) >= 0; }, timeout);
+    }
+    const std::string& logDir() const { return logDir_; }
+
+private:
+    const DeviceRoot& root_;
+    std::string logDir_;
+    std::unique_ptr<Subprocess> proc_;
+};
+
+}  // namespace tavrend::test
