@@ -13,6 +13,8 @@
 #include "config/Log.h"
 #include "daemon/Monitoring.h"
 #include "metrics/TavrenMetricConfig.h"
+#include "monitors/ProcessMemorySampler.h"
+#include "monitors/SystemMemorySampler.h"
 #include "recovery/IdleDetector.h"
 
 namespace tavrend {
@@ -21,7 +23,12 @@ namespace {
 constexpr const char* kMetricConfigPath = "/system/etc/tavrend/tavrend_metric_config.json";
 
 // Creates the monitors in their fixed order, each after its info line.
-void createMonitors(const ConfigVariables& /*config*/, SamplerList& /*samplers*/) {}
+void createMonitors(const ConfigVariables& config, SamplerList& samplers) {
+    TLOGI("Creating Process Memory sampler");
+    samplers.push_back(std::make_shared<ProcessMemorySampler>(config));
+    TLOGI("Creating System Memory sampler");
+    samplers.push_back(std::make_shared<SystemMemorySampler>(config));
+}
 
 }  // namespace
 

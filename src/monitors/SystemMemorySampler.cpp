@@ -18,7 +18,8 @@ namespace {
 
 constexpr const char* kLmkStatsPath = "/proc/lmk_stats";
 constexpr const char* kMinfreePath = "/sys/module/lowmemorykiller/parameters/minfree";
-constexpr const char* kMeminfoError = "Could not parse System Memory Information from /proc/meminfo";
+constexpr const char* kMeminfoError =
+    "Could not parse System Memory Information from /proc/meminfo";
 constexpr unsigned kValuesPerReportLine = 60;
 
 // The labels of /proc/lmk_stats, colon included, in counting order:
@@ -173,10 +174,9 @@ bool SystemMemorySampler::isMemoryCritical() {
     // Computed on the low 32 bits of each figure as a signed 32-bit number;
     // intended. Unsigned arithmetic gives the same wrapped result without the
     // undefined behaviour of a signed overflow.
-    const uint32_t sum = static_cast<uint32_t>(meminfo.mem_buffers) +
-                         static_cast<uint32_t>(meminfo.mem_cached) -
-                         static_cast<uint32_t>(meminfo.mem_shmem) -
-                         static_cast<uint32_t>(meminfo.mem_unevictable);
+    const uint32_t sum =
+        static_cast<uint32_t>(meminfo.mem_buffers) + static_cast<uint32_t>(meminfo.mem_cached) -
+        static_cast<uint32_t>(meminfo.mem_shmem) - static_cast<uint32_t>(meminfo.mem_unevictable);
     const int32_t otherFile = static_cast<int32_t>(sum);
     otherFileHistory->putElement(otherFile > 0 ? static_cast<uint64_t>(otherFile) : 0);
 

@@ -31,6 +31,8 @@ public:
     // `config` must outlive the sampler. The four rings hold
     // critical_memory_measurement_time / memory_read_interval_sec samples each.
     explicit SystemMemorySampler(const ConfigVariables& config);
+    // The sampler keeps a reference: a temporary configuration would dangle.
+    explicit SystemMemorySampler(ConfigVariables&&) = delete;
 
     // Selects the low-memory-killer threshold and the report's bucket figure.
     bool init() override;

@@ -7,31 +7,22 @@
 #include <fstream>
 #include <map>
 #include <memory>
-#include <regex>
 #include <string>
 #include <vector>
 
 #include "support/DeviceRoot.h"
+#include "support/LogLine.h"
 #include "support/Subprocess.h"
 
 namespace tavrend::test {
 
-struct LogLine {
-    char priority;
-    std::string tag;
-    std::string message;
-};
-
 // Parses a host log file written in `logcat -v threadtime` layout.
 inline std::vector<LogLine> readLog(const std::string& path) {
-    static const std::regex layout(
-        R"(^\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} +\d+ +\d+ ([VDIWEF]) (.*?) *: (.*)$)");
     std::vector<LogLine> out;
     std::ifstream in(path);
     std::string line;
     while (std::getline(in, line)) {
-        std::smatch m;
-        if (std::regex_match(line, m, layout)) out.push_back({m[1].str()[0], m[2], m[3]});
+        if (auto parsed = parseLogLine(line)) out.push_back(*parsed);
     }
     return out;
 }

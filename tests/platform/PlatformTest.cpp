@@ -4,11 +4,11 @@
 #include <gtest/gtest.h>
 #include <log/log.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -16,6 +16,7 @@
 #include "platform/device_root.h"
 #include "platform/log_hook.h"
 #include "support/DeviceRoot.h"
+#include "support/LogLine.h"
 #include "support/LogCapture.h"
 
 namespace fs = std::filesystem;
@@ -56,7 +57,12 @@ private:
     std::string dir_;
 };
 
-const std::regex kLineLayout(R"(^\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} +\d+ +\d+ ([VDIWEF]) (.{8,}?): (.*)$)");
+// Parses a line or fails the test.
+tavrend::test::LogLine parsed(const std::string& line) {
+    auto l = tavrend::test::parseLogLine(line);
+    EXPECT_TRUE(l.has_value()) << line;
+    return l.value_or(tavrend::test::LogLine{});
+}
 
 }  // namespace
 
@@ -68,24 +74,24 @@ TEST(HostLog, LinesFollowThreadtimeLayoutAndSplitOnNewlines) {
 
     auto sys = logs.lines("system");
     ASSERT_EQ(sys.size(), 4u);
-    std::smatch m;
-    ASSERT_TRUE(std::regex_match(sys[0], m, kLineLayout)) << sys[0];
-    EXPECT_EQ(m[1], "E");
-    EXPECT_EQ(m[2], "tavrend ");  // padded to 8, never cut
-    EXPECT_EQ(m[3], "abc");
-    ASSERT_TRUE(std::regex_match(sys[1], m, kLineLayout)) << sys[1];
-    EXPECT_EQ(m[3], "");  // "abc\n\n": abc and one empty line
-    ASSERT_TRUE(std::regex_match(sys[2], m, kLineLayout));
-    EXPECT_EQ(m[2], "a-very-long-tag");
-    EXPECT_EQ(m[3], "one");
-    ASSERT_TRUE(std::regex_match(sys[3], m, kLineLayout));
-    EXPECT_EQ(m[3], "two");
+    auto first = parsed(sys[0]);
+    EXPECT_EQ(first.priority, 'E');
+    EXPECT_EQ(first.tagField, "tavrend ");  // padded to 8, never cut
+    EXPECT_EQ(first.message, "abc");
+    EXPECT_EQ(first.pid, static_cast<int>(getpid()));
+    EXPECT_EQ(parsed(sys[1]).message, "");  // "abc\n\n": abc and one empty line
+    EXPECT_EQ(parsed(sys[2]).tagField, "a-very-long-tag");
+    EXPECT_EQ(parsed(sys[2]).message, "one");
+    EXPECT_EQ(parsed(sys[3]).message, "two");
+    char exact[64];  // everything after the time stamp, byte for byte
+    snprintf(exact, sizeof(exact), " %5d %5d E tavrend : abc", static_cast<int>(getpid()),
+             static_cast<int>(gettid()));
+    EXPECT_EQ(sys[0].substr(18), exact);
 
     auto mainLines = logs.lines("main");
     ASSERT_EQ(mainLines.size(), 1u);
-    ASSERT_TRUE(std::regex_match(mainLines[0], m, kLineLayout));
-    EXPECT_EQ(m[1], "W");
-    EXPECT_EQ(m[3], "main buffer 7");
+    EXPECT_EQ(parsed(mainLines[0]).priority, 'W');
+    EXPECT_EQ(parsed(mainLines[0]).message, "main buffer 7");
 }
 
 TEST(HostLog, BuffersPrioritiesAndTruncation) {
@@ -104,11 +110,7 @@ TEST(HostLog, BuffersPrioritiesAndTruncation) {
     }
     auto crash = logs.lines("crash");
     ASSERT_EQ(crash.size(), 6u);
-    for (size_t i = 0; i < crash.size(); ++i) {
-        std::smatch m;
-        ASSERT_TRUE(std::regex_match(crash[i], m, kLineLayout));
-        EXPECT_EQ(m[1].str()[0], letters[i]);
-    }
+    for (size_t i = 0; i < crash.size(); ++i) EXPECT_EQ(parsed(crash[i]).priority, letters[i]);
 
     std::string longMsg(3000, 'x');
     int n = __android_log_buf_print(LOG_ID_EVENTS, ANDROID_LOG_INFO, "t", "%s", longMsg.c_str());
@@ -136,9 +138,8 @@ TEST(HostLog, ConcurrentLinesNeverMix) {
     auto lines = logs.lines("system");
     ASSERT_EQ(lines.size(), static_cast<size_t>(kThreads * kLines));
     for (const auto& line : lines) {
-        std::smatch m;
-        ASSERT_TRUE(std::regex_match(line, m, kLineLayout)) << line;
-        std::string msg = m[3];
+        std::string msg = parsed(line).message;
+        ASSERT_FALSE(msg.empty()) << line;
         int t = msg[0] - '0';
         EXPECT_EQ(msg, std::to_string(t) + " " + std::string(200, static_cast<char>('a' + t)));
     }

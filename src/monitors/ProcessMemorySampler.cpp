@@ -1,0 +1,151 @@
+#include "monitors/ProcessMemorySampler.h"
+
+#include <android/hardware/memtrack/1.0/IMemtrack.h>
+#include <dirent.h>
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include "config/Log.h"
+#include "platform/device_root.h"
+#include "platform/time_seam.h"
+#include "stats/StatUtil.h"
+
+namespace tavrend {
+namespace {
+
+using android::hardware::memtrack::V1_0::IMemtrack;
+
+constexpr const char* kProcDir = "/proc";
+
+// An entry of /proc scanned as "%d": a leading number is enough, so "self" and
+// "meminfo" are skipped. Out-of-range numbers are clamped, never wrapped into
+// another process's id.
+bool scanPid(const char* entryName, int& pid) {
+    char* end = nullptr;
+    long id = strtol(entryName, &end, 10);
+    if (end == entryName) return false;
+    if (id > INT_MAX) id = INT_MAX;
+    if (id < INT_MIN) id = INT_MIN;
+    pid = static_cast<int>(id);
+    return true;
+}
+
+std::shared_ptr<CircularArrayList> newHistory(const ConfigVariables& config, uint64_t first) {
+    // The ring takes a "num_historical_vals" below 1 as 1.
+    auto ring = std::make_shared<CircularArrayList>(config.num_historical_vals);
+    ring->putElement(first);
+    return ring;
+}
+
+}  // namespace
+
+ProcessMemorySampler::ProcessMemorySampler(const ConfigVariables& cfg) : config(cfg) {
+    criticalCondition.store(NO_CRITICAL_CONDITION);
+}
+
+bool ProcessMemorySampler::init() {
+    TLOGI("Initializing Process Memory Sampler");
+    // Looked up once per process, on the first call; released at exit.
+    static const std::shared_ptr<IMemtrack> memtrack = IMemtrack::getService("default");
+    memtrackAvailable = memtrack != nullptr;
+    if (!memtrackAvailable) TLOGE("failed to load memtrack module");
+    return true;
+}
+
+bool ProcessMemorySampler::check(unsigned long long tick, bool force, bool /*deviceIdle*/) {
+    return checkPeriodic(tick, force, config.proc_scan_interval_sec);
+}
+
+bool ProcessMemorySampler::fetch() {
+    getPIDPairs(pidPairs);
+    sampleProcessValues(pidPairs, processStats);
+    if (sampleCount % effectivePeriod(config.process_mem_heartbeat_samples) == 0) {
+        TLOGI("ProcessMemorySampler heartbeat %llu", static_cast<unsigned long long>(sampleCount));
+    }
+    ++sampleCount;
+    return true;
+}
+
+void ProcessMemorySampler::getPIDPairs(std::map<std::string, int>& pairs) {
+    DIR* dir = platform::openDeviceDir(kProcDir);
+    if (dir == nullptr) {
+        TLOGW("Could not open %s", kProcDir);
+        return;
+    }
+    while (const struct dirent* entry = readdir(dir)) {
+        int pid = 0;
+        if (!scanPid(entry->d_name, pid)) continue;
+        char name[32];
+        memset(name, 0, sizeof(name));
+        if (!quillend::StatUtil::getProcessName(pid, name)) continue;
+
+        auto it = pairs.find(name);
+        if (it == pairs.end()) {
+            pairs.emplace(name, pid);
+        } else if (it->second != pid) {
+            // Restarted, or another live process of the same name: the name's
+            // history starts afresh under the newer pid. Intended, even when
+            // it makes same-named processes erase each other on every scan.
+            processStats.erase(it->second);
+            it->second = pid;
+        }
+    }
+    closedir(dir);
+}
+
+void ProcessMemorySampler::sampleProcessValues(std::map<std::string, int>& pairs,
+                                               std::map<int, ProcessStat>& stats) {
+    for (const auto& [name, pid] : pairs) {
+        quillend::ProcessRssInfoKb info;
+        // Exited processes fail the read; kernel threads have no VmRSS.
+        if (!quillend::StatUtil::getProcessRss(pid, info) || info.total == 0) continue;
+
+        auto it = stats.find(pid);
+        if (it == stats.end()) {
+            ProcessStat stat;
+            stat.name = name;
+            stat.rssTotalBaseline = info.total;
+            stat.rswapBaseline = info.vm_swap;
+            stat.pid = 0;
+            stat.rssTotalHistory = newHistory(config, info.total);
+            stat.rswapHistory = newHistory(config, info.vm_swap);
+            stats.emplace(pid, std::move(stat));
+            continue;
+        }
+        ProcessStat& stat = it->second;
+        if (stat.name != name) {
+            // The id now belongs to another program: its history starts over.
+            stat.name = name;
+            stat.rssTotalBaseline = info.total;
+            stat.rswapBaseline = info.vm_swap;
+            stat.rssTotalHistory->reset();
+            stat.rswapHistory->reset();
+        }
+        stat.rssTotalHistory->putElement(info.total);
+        stat.rswapHistory->putElement(info.vm_swap);
+        stat.pid = pid;
+    }
+}
+
+void ProcessMemorySampler::dumpReport() {
+    TLOGE("------Process info------");
+    TLOGE("Total Processes Sampled: %d", static_cast<int>(processStats.size()));
+    for (const auto& [pid, stat] : processStats) {
+        std::string totals;
+        std::string swaps;
+        stat.rssTotalHistory->printList(totals);
+        stat.rswapHistory->printList(swaps);
+        TLOGE("PID: %d Process Name: %s", pid, stat.name.c_str());
+        TLOGE("RSS Total: %s, RSS Total baseline: %llu", totals.c_str(),
+              static_cast<unsigned long long>(stat.rssTotalBaseline));
+        TLOGE("RSwap: %s, RSwap baseline: %llu", swaps.c_str(),
+              static_cast<unsigned long long>(stat.rswapBaseline));
+        // One second per process, even for hundreds of them; intended, it
+        // keeps the report from flooding the log buffer.
+        platform::sleepSeconds(1);
+    }
+}
+
+}  // namespace tavrend
