@@ -12,9 +12,15 @@
 
 #include "config/Log.h"
 #include "platform/device_root.h"
+#include "stats/TextScan.h"
 
 namespace tavrend {
 namespace {
+
+using quillend::text::File;
+using quillend::text::isSpace;
+using quillend::text::LineBuffer;
+using quillend::text::scanU64;
 
 constexpr const char* kLmkStatsPath = "/proc/lmk_stats";
 constexpr const char* kMinfreePath = "/sys/module/lowmemorykiller/parameters/minfree";
@@ -28,34 +34,6 @@ constexpr unsigned kValuesPerReportLine = 60;
 //   ...
 constexpr const char* kLmkLabels[SystemMemorySampler::kLmkClassCount] = {
     "Persistent:", "Fg:", "Visible:", "Perceptible:", "Backup:", "Other:"};
-
-struct FileCloser {
-    void operator()(FILE* f) const { fclose(f); }
-};
-using File = std::unique_ptr<FILE, FileCloser>;
-
-// One getline() buffer that every return path frees.
-struct LineBuffer {
-    char* data = nullptr;
-    size_t capacity = 0;
-    ~LineBuffer() { free(data); }
-    ssize_t read(FILE* f) { return getline(&data, &capacity, f); }
-};
-
-inline bool isSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-
-// scanf's "%llu" at `p` (leading white space, optional sign, decimal digits)
-// without its undefined behaviour on overflow: a number past 2^64-1 saturates.
-// On success `p` moves past the number.
-bool scanU64(const char*& p, uint64_t& value) {
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long long v = strtoull(p, &end, 10);
-    if (end == p) return false;
-    value = errno == ERANGE ? UINT64_MAX : v;
-    p = end;
-    return true;
-}
 
 // The low 32 bits of `v` as a signed 32-bit number (two's complement).
 inline int32_t low32(uint64_t v) { return static_cast<int32_t>(static_cast<uint32_t>(v)); }

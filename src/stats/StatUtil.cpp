@@ -15,6 +15,7 @@
 
 #include "platform/device_root.h"
 #include "platform/time_seam.h"
+#include "stats/TextScan.h"
 
 #define STAT_LOGE(...) __android_log_print(ANDROID_LOG_ERROR, kLogTag, __VA_ARGS__)
 
@@ -23,6 +24,11 @@ namespace {
 
 using tavrend::platform::openDeviceDir;
 using tavrend::platform::openDeviceFile;
+using text::File;
+using text::isSpace;
+using text::LineBuffer;
+using text::parseU64;
+using text::skipSpace;
 
 constexpr const char* kLogTag = "quillend:StatUtil";
 constexpr const char* kMeminfoPath = "/proc/meminfo";
@@ -36,41 +42,10 @@ constexpr unsigned kDriverRetrySleepSec = 1;
 // holds this from before its write until after it has read the answer.
 std::mutex gPssLock;
 
-// Owns a FILE* or a getline() buffer so that every return path releases it.
-struct FileCloser {
-    void operator()(FILE* f) const { fclose(f); }
-};
-using File = std::unique_ptr<FILE, FileCloser>;
-struct LineBuffer {
-    char* data = nullptr;
-    size_t capacity = 0;
-    ~LineBuffer() { free(data); }
-    ssize_t read(FILE* f) { return getline(&data, &capacity, f); }
-};
-
 uint64_t saturatingAdd(uint64_t a, uint64_t b) { return a > UINT64_MAX - b ? UINT64_MAX : a + b; }
 
 uint64_t saturatingMul(uint64_t a, uint64_t b) {
     return b != 0 && a > UINT64_MAX / b ? UINT64_MAX : a * b;
-}
-
-// scanf's "%llu" without its undefined behaviour on overflow: leading white
-// space, an optional sign, decimal digits; a number past 2^64-1 saturates.
-bool scanU64(const char* text, uint64_t& value) {
-    char* end = nullptr;
-    errno = 0;
-    unsigned long long v = strtoull(text, &end, 10);
-    if (end == text) return false;
-    value = errno == ERANGE ? UINT64_MAX : v;
-    return true;
-}
-
-// White space as scanf sees it in the "C" locale the daemon runs in.
-inline bool isSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-
-inline const char* skipSpace(const char* p) {
-    while (isSpace(*p)) ++p;
-    return p;
 }
 
 // scanf's " <word> %llu" on a line whose indentation is already skipped:
@@ -79,7 +54,7 @@ inline const char* skipSpace(const char* p) {
 template <size_t N>
 bool scanTagged(const char* line, const char (&word)[N], uint64_t& value) {
     if (line[0] != word[0] || strncmp(line, word, N - 1) != 0) return false;
-    return scanU64(line + N - 1, value);
+    return parseU64(line + N - 1, value);
 }
 
 // The table of /proc/meminfo keys, in the order they are compared.
@@ -118,7 +93,7 @@ bool scanMeminfoLine(const char* line, char (&key)[64], uint64_t& value) {
     if (len == 0 || len >= sizeof(key)) return false;
     memcpy(key, line, len);
     key[len] = '\0';
-    return scanU64(line + len, value);
+    return parseU64(line + len, value);
 }
 
 }  // namespace
@@ -330,7 +305,7 @@ bool StatUtil::getProcessPssDravik(int pid, uint64_t& pssKb) {
     LineBuffer answer;
     if (answer.read(f.get()) != -1) {
         uint64_t value = 0;
-        if (scanU64(answer.data, value)) {
+        if (parseU64(answer.data, value)) {
             pssKb += value;
         } else {
             STAT_LOGE("Failed to sscanf %s", kDravikPssPath);

@@ -272,13 +272,6 @@ TEST(ConfigLoad, PrintsTheConfigurationInOrder) {
     EXPECT_EQ(capture.messages(LOG_ID_SYSTEM, "tavrend"), expected);
 }
 
-TEST(ConfigLoad, PeriodsBelowOneCountAsOne) {
-    EXPECT_EQ(effectivePeriod(0), 1u);
-    EXPECT_EQ(effectivePeriod(-30), 1u);
-    EXPECT_EQ(effectivePeriod(1), 1u);
-    EXPECT_EQ(effectivePeriod(45), 45u);
-}
-
 TEST(CjsonExtensions, BoolValueOfNonBooleansIsFalse) {
     cJSON* root = cJSON_Parse(R"({"t": true, "f": false, "n": 1, "s": "true", "z": null})");
     ASSERT_NE(root, nullptr);
