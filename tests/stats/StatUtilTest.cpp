@@ -1,0 +1,234 @@
+// The statistics readers against synthetic device roots, checked-in captures
+// of a real machine, and the machine's own /proc.
+#include <gtest/gtest.h>
+#include <log/log.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <tuple>
+
+#include "stats/StatUtil.h"
+#include "support/DeviceRoot.h"
+#include "support/FakeTime.h"
+#include "support/LogCapture.h"
+
+namespace quillend {
+namespace {
+
+using namespace std::string_literals;
+using tavrend::test::DeviceRoot;
+using tavrend::test::LogCapture;
+using Lines = std::vector<std::string>;
+using M = SysMeminfoKb;
+using Fields = std::vector<std::pair<uint64_t M::*, uint64_t>>;
+
+constexpr const char* kPssFile = "/sys/kernel/dravik/total_pss_kb";
+const std::string kTestdata = std::string(TAVREND_SOURCE_DIR) + "/tests/stats/testdata/";
+
+std::string slurp(const std::string& path) {
+    std::ostringstream ss;
+    ss << std::ifstream(path, std::ios::binary).rdbuf();
+    return ss.str();
+}
+
+// The readers' messages; every record must be an error.
+Lines statLog(const LogCapture& log) {
+    for (const auto& r : log.records()) EXPECT_EQ(r.priority, ANDROID_LOG_ERROR) << r.message;
+    return log.messages(LOG_ID_MAIN, "quillend:StatUtil");
+}
+
+// Every field with its value in testdata/meminfo, a capture of a real machine.
+const Fields kCapturedMeminfo = {
+    {&M::mem_total, 24684092},       {&M::mem_free, 23896704},      {&M::mem_available, 24137772},
+    {&M::mem_buffers, 3120},         {&M::mem_cached, 426088},      {&M::mem_active_anon, 1568},
+    {&M::mem_inactive_anon, 211328}, {&M::mem_active_file, 174932}, {&M::mem_inactive_file, 245420},
+    {&M::mem_swap_total, 0},         {&M::mem_swap_free, 0},        {&M::mem_shmem, 8856},
+    {&M::mem_s_unreclaim, 22136},    {&M::mem_kernel_stack, 1668},  {&M::mem_page_tables, 2500},
+    {&M::mem_swapcached, 0},         {&M::mem_unevictable, 13980}};
+
+// Each case lists the fields it sets; every other field stays as the caller had it.
+TEST(Meminfo, HostileInputs) {
+    const std::pair<std::optional<std::string>, Fields> cases[] = {
+        {std::nullopt, {}},  // no file: false
+        {std::string(100000, 'A') + " 5 kB\nMemTotal: 10 kB trailing junk\nMemFree:" +
+             std::string(5000, ' ') + "12abc kB\nBuffers: 3 MB\nCached: -\nShmem:\n\n",
+         {{&M::mem_total, 10}, {&M::mem_free, 12}, {&M::mem_buffers, 3}}},
+        {"MemTotalX: 1 kB\nmemtotal: 2 kB\nMemTotal 3 kB\nSwapCached: 4 kB\nCached: 5 kB\n",
+         {{&M::mem_swapcached, 4}, {&M::mem_cached, 5}}},
+        // Past 64 bits saturates; a NUL ends a line's text.
+        {"MemTotal: 99999999999999999999999 kB\nBuffers: 1\0"
+         "23 kB\nCac\0hed: 5 kB\nShmem: 6 kB"s,
+         {{&M::mem_total, UINT64_MAX}, {&M::mem_buffers, 1}, {&M::mem_shmem, 6}}},
+        {slurp(kTestdata + "meminfo"), kCapturedMeminfo}};
+    DeviceRoot root;
+    for (const auto& [text, set] : cases) {
+        SCOPED_TRACE(text.value_or("(none)").substr(0, 60));
+        text ? root.setMeminfo(*text) : root.removePath("/proc/meminfo");
+        SysMeminfoKb info;
+        for (const auto& [field, unused] : kCapturedMeminfo) info.*field = 7;
+        EXPECT_EQ(StatUtil::getMeminfo(info), text.has_value());
+        for (const auto& [field, unused] : kCapturedMeminfo) {
+            uint64_t expected = 7;
+            for (const auto& [f, v] : set) expected = f == field ? v : expected;
+            EXPECT_EQ(info.*field, expected);
+        }
+    }
+}
+
+TEST(Zoneinfo, HostileInputs) {
+    auto kb = [](uint64_t pages) { return pages * static_cast<uint64_t>(getpagesize()) >> 10; };
+    const std::tuple<std::optional<std::string>, uint64_t, uint64_t> cases[] = {
+        {std::nullopt, 1, 2},  // no file: false, outputs untouched
+        // Pagesets have "high:" lines of their own, not watermarks.
+        {"\tlow\t3\n\thigh\t4\n  pagesets\n    cpu: 0\n              high:  378\n", kb(3), kb(4)},
+        {" low 18446744073709551615\n low 1\n high 99999999999999999999\n", UINT64_MAX >> 10,
+         UINT64_MAX >> 10},  // sums saturate
+        // Five zones: low 72+14780+6265+32+0 pages, high 86+17736+7518+32+0.
+        {slurp(kTestdata + "zoneinfo"), kb(21149), kb(25372)}};
+    DeviceRoot root;
+    for (const auto& [text, lowKb, highKb] : cases) {
+        SCOPED_TRACE(text.value_or("(none)").substr(0, 60));
+        text ? root.setZoneinfo(*text) : root.removePath("/proc/zoneinfo");
+        uint64_t low = 1, high = 2;
+        EXPECT_EQ(StatUtil::getTotalWaterMarkZoneinfo(low, high), text.has_value());
+        EXPECT_EQ(low, lowKb);
+        EXPECT_EQ(high, highKb);
+    }
+}
+
+// No synthetic proc/: the readers against this machine's own /proc.
+TEST(RealProc, ReadersAgreeWithTheKernel) {
+    DeviceRoot root(/*withProc=*/false);
+    SysMeminfoKb info;
+    ASSERT_TRUE(StatUtil::getMeminfo(info));
+    unsigned long long memTotal = 0;
+    ASSERT_EQ(sscanf(slurp("/proc/meminfo").c_str(), "MemTotal: %llu", &memTotal), 1);
+    EXPECT_EQ(info.mem_total, memTotal);
+
+    std::string comm = slurp("/proc/self/comm");
+    comm.erase(comm.find('\n'));
+    int pid = -1;
+    char name[32];
+    ASSERT_TRUE(StatUtil::pidOf(comm, pid));
+    ASSERT_TRUE(StatUtil::getProcessName(pid, name));
+    EXPECT_EQ(name, comm);  // this process, or another of the same name listed first
+}
+
+TEST(ProcessName, HostileComms) {
+    const std::string path40 = "/vendor/bin/hw/android.hardware.x@1.0-svc";
+    const std::tuple<std::string, std::string, std::string> cases[] = {
+        {"two words", "", "two"},
+        {"ab\ncd", "", "ab"},
+        {std::string(29, 'n'), "", std::string(29, 'n')},
+        {std::string(30, 'n'), "", ""},  // 31 bytes with the newline
+        {"Binder:812_3", "/vendor/bin/hw/some.service\0--flag\0"s, "/vendor/bin/hw/some.service"},
+        {"HwBinder:5_1", path40 + "\0"s, path40.substr(path40.size() - 31)},
+        {"Binder:9_1", "my app\tname\0"s, "myapp\tname"},  // blanks only
+        {"Binder:9_1", "Binder:9_1\0"s, "unknown"},
+        {"binder:9_1", "/bin/x\0"s, "binder:9_1"}};
+    DeviceRoot root;
+    char name[32];
+    for (const auto& [comm, cmdline, want] : cases) {
+        SCOPED_TRACE(comm);
+        root.writeFile("/proc/100/comm", comm + "\n");
+        root.writeFile("/proc/100/cmdline", cmdline);
+        memset(name, 'x', sizeof(name));
+        EXPECT_EQ(StatUtil::getProcessName(100, name), !want.empty());  // empty: the read fails
+        EXPECT_EQ(std::string(name, sizeof(name)), want + std::string(32 - want.size(), '\0'));
+    }
+}
+
+TEST(ProcessRss, HostileStatusFiles) {
+    const std::tuple<std::string, uint64_t, uint64_t, uint64_t> cases[] = {
+        {"Name:\tapp\nVmPeak:\t 900 kB\nVmRSS:\t  5124 kB\nVmSwap:\t  12 kB\n", 5124, 12, 5136},
+        {"Name:\tkworker/0:1\nState:\tI (idle)\n", 0, 0, 0},                      // a kernel thread
+        {"Name:\tx\nVmRSS:\t999 kB\nVmRSS:\t10 kB\nVmSwap:\t1 kB\n", 10, 1, 11},  // newline in name
+        {"RssVmRSS: 5 kB\nVmRSS 6 kB\nVmSwap:\n  VmRSS:   7 kB junk\n", 7, 0, 7},
+        {"VmRSS: 18446744073709551615 kB\nVmSwap: 5 kB\n", UINT64_MAX, 5, UINT64_MAX}};
+    DeviceRoot root;
+    for (const auto& [status, rss, swap, total] : cases) {
+        SCOPED_TRACE(status);
+        root.writeFile("/proc/9/status", status);
+        ProcessRssInfoKb info{1, 2, 3};
+        ASSERT_TRUE(StatUtil::getProcessRss(9, info));
+        EXPECT_EQ(info.vm_rss, rss);
+        EXPECT_EQ(info.vm_swap, swap);
+        EXPECT_EQ(info.total, total);
+    }
+    LogCapture log;
+    ProcessRssInfoKb info{1, 2, 3};
+    EXPECT_FALSE(StatUtil::getProcessRss(99, info));
+    EXPECT_EQ(info.vm_rss + info.vm_swap + info.total, 0u);
+    EXPECT_EQ(statLog(log), Lines{"Failed to open /proc/99/status file"});
+}
+
+// While refused, regular-file writes fail with EFBIG: a real write(2) refusal.
+void refuseFileWrites(bool refuse) {
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit limit;
+    getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = refuse ? 0 : limit.rlim_max;
+    setrlimit(RLIMIT_FSIZE, &limit);
+}
+
+// A plain file stands in for the driver: it answers with what was written.
+class DriverPss : public ::testing::Test {
+protected:
+    void SetUp() override { root.writeFile(kPssFile, ""); }
+    void TearDown() override { refuseFileWrites(false); }
+    DeviceRoot root;
+    LogCapture log;
+    uint64_t pss = 5;
+};
+
+TEST_F(DriverPss, RefusedWritesAreRetriedFourTimesThenFail) {
+    tavrend::test::FakeTime clock;
+    refuseFileWrites(true);
+    EXPECT_FALSE(StatUtil::getProcessPssDravik(4242, pss));
+    EXPECT_EQ(pss, 0u);
+    EXPECT_EQ(clock.sleepCalls(), 4u);
+    EXPECT_EQ(clock.sleptSeconds(), 4u);
+    EXPECT_EQ(statLog(log), Lines{"Failed to write /sys/kernel/dravik/total_pss_kb"});
+}
+
+// Figures that add up are checked with getProcessPss() below.
+TEST_F(DriverPss, GraphicsMemoryFailures) {
+    const std::string noInfo = "failed to get memory consumption info: -1 pid: 77";
+    const std::pair<std::string, std::string> cases[] = {
+        {"-1 0 0\n", "failed to get graphics pss: -1 pid: 77"},
+        {"0 -5 -6\n", "failed to get gl pss: -5 pid: 77"},
+        {"0 0 -2\n", "failed to get other pss: -2 pid: 77"},
+        {"99999999999999999999 0 0\n", noInfo}};
+    for (const auto& [file, message] : cases) {
+        SCOPED_TRACE(file);
+        root.writeFile("/dev/memtrack/77", file);
+        log.clear();
+        uint64_t graphics = 100;
+        EXPECT_FALSE(StatUtil::getProcessGraphicsMemory(77, graphics));
+        EXPECT_EQ(graphics, 100u);
+        EXPECT_EQ(statLog(log), Lines{message});
+    }
+}
+
+TEST_F(DriverPss, ProcessPssIsDriverPlusOptionalGraphics) {
+    ASSERT_TRUE(StatUtil::getProcessPss(4242, pss));
+    EXPECT_EQ(pss, 4242u);                       // no memtrack figures: the driver's value alone
+    EXPECT_EQ(root.readFile(kPssFile), "4242");  // the request: the bare id
+
+    root.setMemtrack(4242, 10 * 1024 + 1023, 2048, 1023);  // each count truncated on its own
+    ASSERT_TRUE(StatUtil::getProcessPss(4242, pss));
+    EXPECT_EQ(pss, 4242u + 12u);
+
+    root.removePath(kPssFile);
+    EXPECT_FALSE(StatUtil::getProcessPss(4242, pss));
+    // A process without memtrack figures is logged, and left at the driver's value.
+    EXPECT_EQ(statLog(log), (Lines{"failed to get memory consumption info: -1 pid: 4242",
+                                   "Failed to open /sys/kernel/dravik/total_pss_kb for write"}));
+}
+
+}  // namespace
+}  // namespace quillend
