@@ -35,12 +35,17 @@ public:
     std::atomic<bool> criticalConditionDetected{false};
     std::atomic<CriticalConditionType> criticalConditionType{NO_CRITICAL_CONDITION};
 
-private:
+    virtual ~IdleDetector() = default;
+
+protected:
     // Adds a duration record (when metrics are enabled) and publishes it (when
     // the IdleDetector configuration exists with its legacy interface active).
-    void emitDuration(const std::string& name, unsigned long value);
-    void publishDuration(bool haveEntry, bool legacyActive, const std::string& name,
-                         unsigned long value);
+    // Virtual so that a test can make a publication fail.
+    virtual void emitDuration(const std::string& name, unsigned long value);
+    virtual void publishDuration(bool haveEntry, bool legacyActive, const std::string& name,
+                                 unsigned long value);
+
+private:
 
     const ConfigVariables& config;
     std::string tag;

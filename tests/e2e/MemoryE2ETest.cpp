@@ -33,6 +33,27 @@ const char* kConfig = R"({
   "sample": false
 })";
 
+const char* kMetricConfig = R"({
+  "OrreryConfig": {"Enabled": true, "GroupId": "grp"},
+  "MetricConfig": [{"MetricConfig": "IdleDetector",
+    "KAPH_Metric_Interface": {"Active": true},
+    "Orrery_Metric_Interface": {"Schema_Id": "sch", "Active": true,
+      "Metrics": [{"Name": "duration_type", "Type": "str", "DimensionTag": "type"},
+                  {"Name": "duration_value", "Type": "int", "DimensionTag": "value"}]}}]
+})";
+
+// True when `record` is the duration record of `type` with a decimal value.
+bool isDurationRecord(const std::string& record, const std::string& type) {
+    const std::string head = "grp:sch:100:type=" + type + ";SY,value=";
+    const std::string tail =
+        ";IN,_softwareVersion=;SY,_deviceType=;SY,_platform=;SY,_model=;SY,_buildType=;SY,"
+        "_marketPlaceId=;SY,_countryOfResidence=;SY,_deviceLanguage=;SY,_otaGroupName=;SY,"
+        "_timeZone=;SY,_deviceId=;SY,_customerId=;SY,_hardware=;SY";
+    if (!record.starts_with(head) || !record.ends_with(tail)) return false;
+    const std::string value = record.substr(head.size(), record.size() - head.size() - tail.size());
+    return !value.empty() && value.find_first_not_of("0123456789") == std::string::npos;
+}
+
 // VmRSS + VmSwap of /proc/<pid>/status in kB.
 uint64_t rssTotalKb(pid_t pid) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/status");
@@ -49,6 +70,7 @@ uint64_t rssTotalKb(pid_t pid) {
 TEST(MemoryE2E, KillsReachingTheTargetReportThenRebootWhenIdle) {
     DeviceRoot root;
     root.setDaemonConfig(kConfig);
+    root.setMetricConfig(kMetricConfig);
     root.setProperty("sys.user_activity_detected", "true");
     root.setMeminfo(meminfoText(500000));
     root.setLmkStats("Persistent: 1\nFg: 1\nVisible: 0\nPerceptible: 1\nBackup: 40\nOther: 90\n");
@@ -72,6 +94,14 @@ TEST(MemoryE2E, KillsReachingTheTargetReportThenRebootWhenIdle) {
     ASSERT_TRUE(status.has_value()) << "the daemon did not reboot once the device was idle";
     EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
     EXPECT_EQ(root.getProperty("sys.powerctl"), "reboot");
+    const auto records = run.log("metrics");
+    ASSERT_EQ(records.size(), 3u);
+    EXPECT_TRUE(isDurationRecord(records[0].message, "uptime_till_critical_mem"));
+    EXPECT_TRUE(isDurationRecord(records[1].message, "time_till_idle"));
+    EXPECT_TRUE(isDurationRecord(records[2].message, "uptime_till_reboot"));
+    EXPECT_EQ(records[0].tag, "metrics.tavrend");
+    EXPECT_EQ(records[0].priority, 'I');
+    EXPECT_GE(findMessage(run.log(), "Rebooting device"), 0);
 
     // In order: the decision, the report's header and date, the process
     // report, then the system report (exact lines are the unit tests' business).

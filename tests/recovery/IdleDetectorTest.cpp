@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <log/log.h>
 
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -184,4 +185,35 @@ TEST(IdleDetector, ThreadPicksUpTheHandOver) {
     EXPECT_EQ(f.count("Critical condition is detected"), 1u);
     EXPECT_EQ(f.root.getProperty("sys.powerctl"), "reboot");
     EXPECT_EQ(f.count("Exiting Idle Detector"), 1u);
+}
+
+namespace {
+// Publication fails on the first attempts, as a metrics back end in trouble would.
+class FailingPublisher : public IdleDetector {
+public:
+    using IdleDetector::IdleDetector;
+    int failuresLeft = 2;
+
+protected:
+    void publishDuration(bool haveEntry, bool legacyActive, const std::string& name,
+                         unsigned long value) override {
+        if (failuresLeft > 0) {
+            --failuresLeft;
+            throw std::runtime_error("publish failed");
+        }
+        IdleDetector::publishDuration(haveEntry, legacyActive, name, value);
+    }
+};
+}  // namespace
+
+TEST(IdleDetector, FailedPublicationIsRetriedOnTheNextPass) {
+    Fixture f;
+    f.setActive(false);
+    f.config.critical_memory_minimum_uptime_sec = 1;
+    FailingPublisher detector(f.config);
+    detector.waitForIdleAndRecover(300);
+    EXPECT_EQ(f.count("IdleDetector failed, reason=runttimeFailed publish failed"), 2u);
+    EXPECT_EQ(f.clock.sleepCalls(), 2u);  // one pass per failure, then the reboot
+    EXPECT_EQ(f.count("No user activity"), 3u);
+    EXPECT_EQ(f.root.getProperty("sys.powerctl"), "reboot");
 }
