@@ -33,9 +33,9 @@ Loaded load(const DeviceRoot& root, const std::string& json) {
 
 }  // namespace
 
-TEST(ConfigLoad, FullFileFillsEveryField) {
+TEST(ConfigLoad, FullFileFillsEveryFieldAndPrintsItInOrder) {
     DeviceRoot root;
-    auto l = load(root, R"({
+    root.setDaemonConfig(R"({
       "system_mem": {"memory_read_interval_sec": 5, "critical_memory_threshold_percent": 30,
         "critical_memory_bucket": "backup", "critical_memory_measurement_time": 600,
         "critical_memory_default_threshold_kb": 150000, "critical_memory_over_threshold_percent": 80,
@@ -54,39 +54,47 @@ TEST(ConfigLoad, FullFileFillsEveryField) {
         "guardrail_check_interval_sec": 120, "pss_sleep_interval_sec": 2,
         "process_kill_metrics_interval_sec": 3600}
     })");
-    ASSERT_EQ(l.result, 0);
-    const auto& c = l.config;
-    EXPECT_EQ(c.memory_read_interval_sec, 5);
-    EXPECT_EQ(c.critical_memory_threshold_percent, 30);
-    EXPECT_EQ(c.critical_memory_bucket, BUCKET_BACKUP);
-    EXPECT_EQ(c.critical_memory_measurement_time, 600);
+    LogCapture capture;
+    ConfigVariables c;
+    ASSERT_TRUE(parseJSONConfig(c));
+    // The default threshold and the latency settings are not printed.
     EXPECT_EQ(c.critical_memory_default_threshold_kb, 150000);
-    EXPECT_EQ(c.critical_memory_over_threshold_percent, 80);
-    EXPECT_EQ(c.critical_memory_action, 2);  // its own key, read after the default threshold
-    EXPECT_EQ(c.critical_memory_minimum_uptime_sec, 3600);
-    EXPECT_EQ(c.critical_memory_minimum_idle_time_sec, 300);
-    EXPECT_EQ(c.critical_memory_idle_override_time_sec, 7200);
-    EXPECT_EQ(c.lmk_counter_threshold, "Perceptible");
-    EXPECT_EQ(c.lmk_target_kills, 40);
-    EXPECT_EQ(c.system_mem_heartbeat_samples, 60);
-    EXPECT_EQ(c.idle_detection_interval_sec, 30);
-    EXPECT_EQ(c.critical_memory_swap_free_threshold_kb, 1000);
-    EXPECT_EQ(c.critical_memory_s_unreclaim_threshold_kb, 2000);
-    EXPECT_EQ(c.proc_scan_interval_sec, 10);
-    EXPECT_EQ(c.rss_read_interval_sec, 11);
-    EXPECT_EQ(c.pss_read_interval_sec, 12);
-    EXPECT_EQ(c.num_pss_processes, 13);
-    EXPECT_EQ(c.num_historical_vals, 14);
-    EXPECT_EQ(c.pss_logging, 1);
-    EXPECT_EQ(c.process_mem_heartbeat_samples, 15);
-    EXPECT_TRUE(c.sample);
     EXPECT_TRUE(c.dupl_monitoring_enabled);
     EXPECT_EQ(c.critical_upl_threshold_ms, 500);
     EXPECT_EQ(c.critical_upl_bad_sample_count_threshold, 20);
-    EXPECT_TRUE(c.process_guardrail_monitoring_enabled);
-    EXPECT_EQ(c.guardrail_check_interval_sec, 120);
-    EXPECT_EQ(c.pss_sleep_interval_sec, 2);
-    EXPECT_EQ(c.process_kill_metrics_interval_sec, 3600);
+    std::vector<std::string> expected = {
+        "Parsing JSON config",
+        "Configuration:",
+        "memory_read_interval_sec: 5",
+        "critical_memory_threshold_percent: 30",
+        "critical_memory_bucket: 3",
+        "critical_memory_measurement_time: 600",
+        "critical_memory_over_threshold_percent: 80",
+        "critical_memory_action: 2",  // its own key, read after the default threshold
+        "critical_memory_minimum_uptime_sec: 3600",
+        "critical_memory_minimum_idle_time_sec: 300",
+        "critical_memory_idle_override_time_sec: 7200",
+        "system_mem_heartbeat_samples: 60",
+        "idle_detection_interval_sec: 30",
+        "critical_memory_swap_free_threshold_kb: 1000",
+        "critical_memory_s_unreclaim_threshold_kb: 2000",
+        "proc_scan_interval_sec: 10",
+        "rss_read_interval_sec: 11",
+        "pss_read_interval_sec: 12",
+        "num_pss_processes: 13",
+        "pss_logging: 1",
+        "num_historical_vals: 14",
+        "lmk_counter_threshold: Perceptible",
+        "lmk_target_kills: 40",
+        "process_mem_heartbeat_samples: 15",
+        "process_guardrail_monitoring_enabled: true",
+        "guardrail_check_interval_sec: 120",
+        "pss_sleep_interval_sec: 2",
+        "process_kill_metrics_interval_sec: 3600",
+        "sample: true",
+        "---------------------------------",
+    };
+    EXPECT_EQ(capture.messages(LOG_ID_SYSTEM, "tavrend"), expected);
 }
 
 TEST(ConfigLoad, PartialFilesKeepDefaultsAndApplyBoundsAndDoubleWrites) {
@@ -226,50 +234,6 @@ TEST(ConfigLoad, OverridePropertyPicksTheDataCopyOnly) {
     root.setProperty("tavrend.config.override", "0");
     EXPECT_EQ(tavren_config_load(c), 0);
     EXPECT_EQ(c.lmk_target_kills, 10);
-}
-
-TEST(ConfigLoad, PrintsTheConfigurationInOrder) {
-    DeviceRoot root;
-    root.setDaemonConfig(R"({"system_mem": {"memory_read_interval_sec": 3,
-        "lmk_counter_threshold": "Visible", "critical_memory_default_threshold_kb": 77},
-        "device_upl": {"critical_upl_threshold_ms": 500},
-        "process_guardrail": {"process_guardrail_monitoring_enabled": true}})");
-    LogCapture capture;
-    ConfigVariables c;
-    ASSERT_TRUE(parseJSONConfig(c));
-    std::vector<std::string> expected = {
-        "Parsing JSON config",
-        "Configuration:",
-        "memory_read_interval_sec: 3",
-        "critical_memory_threshold_percent: 0",
-        "critical_memory_bucket: 0",
-        "critical_memory_measurement_time: 0",
-        "critical_memory_over_threshold_percent: 0",
-        "critical_memory_action: 77",
-        "critical_memory_minimum_uptime_sec: 0",
-        "critical_memory_minimum_idle_time_sec: 0",
-        "critical_memory_idle_override_time_sec: 0",
-        "system_mem_heartbeat_samples: 1",
-        "idle_detection_interval_sec: 1",
-        "critical_memory_swap_free_threshold_kb: 0",
-        "critical_memory_s_unreclaim_threshold_kb: 0",
-        "proc_scan_interval_sec: 0",
-        "rss_read_interval_sec: 0",
-        "pss_read_interval_sec: 0",
-        "num_pss_processes: 0",
-        "pss_logging: 0",
-        "num_historical_vals: 0",
-        "lmk_counter_threshold: Visible",
-        "lmk_target_kills: 0",
-        "process_mem_heartbeat_samples: 1",
-        "process_guardrail_monitoring_enabled: true",
-        "guardrail_check_interval_sec: 1",
-        "pss_sleep_interval_sec: 0",
-        "process_kill_metrics_interval_sec: 0",
-        "sample: false",
-        "---------------------------------",
-    };
-    EXPECT_EQ(capture.messages(LOG_ID_SYSTEM, "tavrend"), expected);
 }
 
 TEST(CjsonExtensions, BoolValueOfNonBooleansIsFalse) {

@@ -33,13 +33,11 @@ std::vector<std::string> readLines(const std::string& path) {
     return lines;
 }
 
-// Points TAVREND_LOG_DIR at a fresh directory for one test.
+// Points TAVREND_LOG_DIR at a fresh directory (inside a device root) for one test.
 class LogDir {
 public:
     LogDir() {
-        dir_ = DeviceRootPath() + "/logs";
-        fs::create_directories(dir_);
-        setenv("TAVREND_LOG_DIR", dir_.c_str(), 1);
+        setenv("TAVREND_LOG_DIR", root_.path().c_str(), 1);
         tavrend::platform::reopenLogFiles();
     }
     ~LogDir() {
@@ -47,14 +45,11 @@ public:
         tavrend::platform::reopenLogFiles();
     }
     std::vector<std::string> lines(const char* buffer) const {
-        return readLines(dir_ + "/" + buffer + ".log");
+        return readLines(root_.path() + "/" + buffer + ".log");
     }
-    const std::string& path() const { return dir_; }
 
 private:
-    std::string DeviceRootPath() { return root_.path(); }
     DeviceRoot root_;
-    std::string dir_;
 };
 
 // Parses a line or fails the test.

@@ -109,9 +109,6 @@ void DeviceRoot::setDaemonConfig(const std::string& json) const {
 void DeviceRoot::setMetricConfig(const std::string& json) const {
     writeFile("/system/etc/tavrend/tavrend_metric_config.json", json);
 }
-void DeviceRoot::setGuardrailConfig(const std::string& json) const {
-    writeFile("/system/etc/tavrend/tavrend_memory_guardrail.json", json);
-}
 
 void DeviceRoot::setProperty(const std::string& name, const std::string& value) const {
     writeFile("/dev/__properties__/" + name, value);

@@ -53,7 +53,6 @@ public:
 
     void setDaemonConfig(const std::string& json) const;
     void setMetricConfig(const std::string& json) const;
-    void setGuardrailConfig(const std::string& json) const;
     void setProperty(const std::string& name, const std::string& value) const;
     std::string getProperty(const std::string& name) const;
 

@@ -18,7 +18,8 @@ int FakeTime::sysinfo(struct ::sysinfo* info) {
 }
 
 void FakeTime::sleepSeconds(unsigned seconds) {
-    advance(seconds);
+    uptime_ += seconds;
+    wall_ += seconds;
     slept_ += seconds;
     unsigned long index = sleepCalls_++;
     std::function<void(unsigned long)> fn;
@@ -31,12 +32,6 @@ void FakeTime::sleepSeconds(unsigned seconds) {
 
 time_t FakeTime::now() { return wall_.load(); }
 
-void FakeTime::advance(unsigned seconds) {
-    uptime_ += seconds;
-    wall_ += seconds;
-}
-
-void FakeTime::setUptime(unsigned long uptimeSec) { uptime_.store(uptimeSec); }
 
 void FakeTime::onSleep(std::function<void(unsigned long)> fn) {
     std::lock_guard<std::mutex> lock(hookMutex_);

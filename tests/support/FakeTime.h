@@ -20,8 +20,6 @@ public:
     void sleepSeconds(unsigned seconds) override;
     time_t now() override;
 
-    void advance(unsigned seconds);
-    void setUptime(unsigned long uptimeSec);
     unsigned long uptime() const { return uptime_.load(); }
     void failSysinfo(bool fail) { failSysinfo_.store(fail); }
     // Total seconds slept and number of sleeps so far.
