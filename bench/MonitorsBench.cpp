@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchRoot.h"
 #include "config/ConfigVariables.h"
 #include "monitors/ProcessMemorySampler.h"
 #include "monitors/SystemMemorySampler.h"
@@ -31,92 +32,27 @@
 
 namespace {
 
-namespace fs = std::filesystem;
 
-constexpr int kBinderEvery = 10;     // every tenth process is named after its command line
 constexpr int kShippedHistory = 60;  // "num_historical_vals" of the shipped configuration
 constexpr int kScansPerHour = 3600;
 
-std::string readAll(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
+using tavrend::bench::BenchRoot;
+using tavrend::bench::readFileRaw;
 
-void writeAll(const fs::path& path, const std::string& text) {
-    fs::create_directories(path.parent_path());
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-    if (!out) throw std::runtime_error("cannot write " + path.string());
-}
-
-// A device root in a temporary directory, removed at exit: meminfo and
-// zoneinfo copied from this machine, a /proc/lmk_stats, and `count` processes
-// whose status files follow this process's own (real layout).
-struct SyntheticRoot {
-    std::string root;
-    std::vector<std::string> processFiles;  // host paths one process scan opens
-    std::vector<std::string> systemFiles;   // host paths one system sample opens
-
-    explicit SyntheticRoot(int count) {
-        std::string tmpl = (fs::temp_directory_path() / "tavrend-bench-XXXXXX").string();
-        if (mkdtemp(tmpl.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-        root = tmpl;
-        writeAll(root + "/proc/meminfo", readAll("/proc/meminfo"));
-        writeAll(root + "/proc/zoneinfo", readAll("/proc/zoneinfo"));
-        writeAll(root + "/proc/lmk_stats",
-                 "Persistent: 0\nFg: 1\nVisible: 2\nPerceptible: 3\nBackup: 40\nOther: 500\n");
-        systemFiles = {root + "/proc/meminfo", root + "/proc/zoneinfo", root + "/proc/lmk_stats"};
-
-        const std::string status = readAll("/proc/self/status");
-        const std::string statusTail = status.substr(status.find('\n') + 1);  // after Name:
-        for (int i = 0; i < count; ++i) {
-            const int pid = 300 + 7 * i;
-            const bool binder = i % kBinderEvery == 0;
-            const std::string dir = root + "/proc/" + std::to_string(pid);
-            const std::string comm =
-                binder ? "Binder:" + std::to_string(pid) + "_2" : "app_" + std::to_string(i);
-            writeAll(dir + "/comm", comm + "\n");
-            writeAll(dir + "/cmdline",
-                     "/system/bin/service_" + std::to_string(i) + std::string("\0--flag\0", 8));
-            writeAll(dir + "/status", "Name:\t" + comm + "\n" + statusTail);
-            processFiles.push_back(dir + "/comm");
-            if (binder) processFiles.push_back(dir + "/cmdline");
-            processFiles.push_back(dir + "/status");
-        }
-    }
-    ~SyntheticRoot() {
-        std::error_code ec;
-        fs::remove_all(root, ec);
-    }
-};
-
-SyntheticRoot& syntheticRoot(int count) {
-    static std::map<int, std::unique_ptr<SyntheticRoot>> roots;
+BenchRoot& syntheticRoot(int count) {
+    static std::map<int, std::unique_ptr<BenchRoot>> roots;
     auto& r = roots[count];
-    if (!r) r = std::make_unique<SyntheticRoot>(count);
+    if (!r) r = std::make_unique<BenchRoot>(count);
     return *r;
 }
 
-SyntheticRoot& useRoot(int count) {
+BenchRoot& useRoot(int count) {
     tavrend::platform::setLogToStderr(false);
-    SyntheticRoot& r = syntheticRoot(count);
+    BenchRoot& r = syntheticRoot(count);
     tavrend::platform::setDeviceRoot(r.root);
     return r;
 }
 
-// The floor: open, read to the end, close.
-size_t readFileRaw(const char* path) {
-    char buf[4096];
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return 0;
-    size_t total = 0;
-    ssize_t n;
-    while ((n = read(fd, buf, sizeof(buf))) > 0) total += static_cast<size_t>(n);
-    close(fd);
-    return total;
-}
 
 size_t listDirRaw(const std::string& path) {
     DIR* dir = opendir(path.c_str());
@@ -151,7 +87,7 @@ void BM_ProcessFetch_Sampler(benchmark::State& state) {
 }
 
 void BM_ProcessFetch_Floor(benchmark::State& state) {
-    const SyntheticRoot& r = useRoot(static_cast<int>(state.range(0)));
+    const BenchRoot& r = useRoot(static_cast<int>(state.range(0)));
     const std::string procDir = r.root + "/proc";
     for (auto _ : state) {
         size_t total = listDirRaw(procDir);
@@ -168,7 +104,7 @@ void BM_SystemFetch_Sampler(benchmark::State& state) {
 }
 
 void BM_SystemFetch_Floor(benchmark::State& state) {
-    const SyntheticRoot& r = useRoot(300);
+    const BenchRoot& r = useRoot(300);
     for (auto _ : state) {
         size_t total = 0;
         for (const std::string& path : r.systemFiles) total += readFileRaw(path.c_str());

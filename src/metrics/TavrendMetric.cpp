@@ -133,41 +133,40 @@ std::string TavrendMetric::buildOrreryMetricTailString() {
     return tailCache;
 }
 
-void TavrendMetric::buildOrreryMetricVec(std::map<std::string, MetricPairs>& metrics,
-                                         const std::string& configName) {
+// Writes one record per accumulated entry with a non-empty body, then empties
+// the map. An unknown or inactive configuration drops what was accumulated.
+template <typename Map, typename MakeBody>
+void TavrendMetric::publishEntries(Map& metrics, const std::string& configName,
+                                   MakeBody makeBody) {
     if (metrics.empty()) return;
     const std::string header = buildOrreryMetricHeaderString(configName);
     const std::string tail = buildOrreryMetricTailString();
     if (header.empty() || tail.empty()) {
-        // Unknown or inactive configuration: what was accumulated is dropped.
         resetOrreryMetric();
         metrics.clear();
         return;
     }
-    for (const auto& [key, pairs] : metrics) {
+    for (const auto& entry : metrics) {
         // An entry that does not fit the schema is dropped without a message.
-        const std::string body = buildOrreryMetricVecBodyString(pairs, configName);
+        const std::string body = makeBody(entry);
         if (!body.empty()) writeRecord(header + body + tail);
     }
     metrics.clear();
 }
 
+void TavrendMetric::buildOrreryMetricVec(std::map<std::string, MetricPairs>& metrics,
+                                         const std::string& configName) {
+    publishEntries(metrics, configName, [&](const auto& entry) {
+        return buildOrreryMetricVecBodyString(entry.second, configName);
+    });
+}
+
 void TavrendMetric::buildOrreryMetricUint64(std::map<std::string, uint64_t>& metrics,
                                             const std::string& configName,
                                             const std::string& typeName) {
-    if (metrics.empty()) return;
-    const std::string header = buildOrreryMetricHeaderString(configName);
-    const std::string tail = buildOrreryMetricTailString();
-    if (header.empty() || tail.empty()) {
-        resetOrreryMetric();
-        metrics.clear();
-        return;
-    }
-    for (const auto& [key, value] : metrics) {
-        const std::string body = buildOrreryMetricUint64BodyString(key, value, typeName);
-        if (!body.empty()) writeRecord(header + body + tail);
-    }
-    metrics.clear();
+    publishEntries(metrics, configName, [&](const auto& entry) {
+        return buildOrreryMetricUint64BodyString(entry.first, entry.second, typeName);
+    });
 }
 
 }  // namespace tavrend

@@ -52,6 +52,9 @@ public:
     const std::string& tailCacheView() const { return tailCache; }
 
 private:
+    template <typename Map, typename MakeBody>
+    void publishEntries(Map& metrics, const std::string& configName, MakeBody makeBody);
+
     std::string name;
     std::string tailCache;
     std::map<std::string, MetricPairs> pairVecMetrics;
