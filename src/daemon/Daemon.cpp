@@ -20,8 +20,6 @@
 namespace tavrend {
 namespace {
 
-constexpr const char* kMetricConfigPath = "/system/etc/tavrend/tavrend_metric_config.json";
-
 // Creates the monitors in their fixed order, each after its info line.
 void createMonitors(const ConfigVariables& config, SamplerList& samplers) {
     TLOGI("Creating Process Memory sampler");
@@ -52,7 +50,7 @@ int daemonMain() {
         ConfigVariables config;
         if (!parseJSONConfig(config)) return -1;
 
-        if (!TavrenMetricConfig::instance().loadConfig(kMetricConfigPath)) {
+        if (!TavrenMetricConfig::instance().loadConfig(kDefaultMetricConfigPath)) {
             TLOGW("WARN: Failed to load metric config file");
         }
 
