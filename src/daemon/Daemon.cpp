@@ -54,6 +54,15 @@ int daemonMain() {
             TLOGW("WARN: Failed to load metric config file");
         }
 
+        if (config.process_guardrail_monitoring_enabled) {
+            // The guardrail file and its monitor are not part of this build yet.
+            TLOGW("Process memory guardrail monitor is not available, disabling guardrail "
+                  "monitor");
+            config.process_guardrail_monitoring_enabled = false;
+        } else {
+            TLOGW("Memory guardrailing is disabled in config");
+        }
+
         IdleDetector idleDetector(config);
         SamplerList samplers;
         CriticalConditionType criticalCondition = NO_CRITICAL_CONDITION;

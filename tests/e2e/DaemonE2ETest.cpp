@@ -77,6 +77,15 @@ TEST(DaemonE2E, SigtermEndsTheLoopWithoutCondition) {
     EXPECT_EQ(static_cast<size_t>(exiting), log.size() - 1);
     EXPECT_EQ(log[0].tag, "tavrend");
     EXPECT_EQ(findMessage(log, "------Tavrend Crash Report------"), -1);
+    // Start-up order: configuration, metric configuration, guardrails, monitors.
+    const long config = findMessage(log, "---------------------------------");
+    const long guardrail = findMessage(log, "Memory guardrailing is disabled in config");
+    const long process = findMessage(log, "Creating Process Memory sampler");
+    const long system = findMessage(log, "Creating System Memory sampler");
+    const long init = findMessage(log, "Initializing samplers...");
+    EXPECT_TRUE(config > 0 && guardrail > config && process > guardrail && system > process &&
+                init > system)
+        << config << " " << guardrail << " " << process << " " << system << " " << init;
 }
 
 TEST(DaemonE2E, BadConfigurationEndsWithMinusOneAndCreatesNothing) {
