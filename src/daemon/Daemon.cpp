@@ -1,5 +1,6 @@
 #include "daemon/Daemon.h"
 
+#include <pthread.h>
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -11,21 +12,48 @@
 
 #include "config/ConfigLoader.h"
 #include "config/Log.h"
+#include "config/MemoryGuardrailConfig.h"
 #include "daemon/Monitoring.h"
 #include "metrics/TavrenMetricConfig.h"
 #include "monitors/ProcessMemorySampler.h"
+#include "monitors/ProcessPssGuardrailMonitor.h"
 #include "monitors/SystemMemorySampler.h"
 #include "recovery/IdleDetector.h"
 
 namespace tavrend {
 namespace {
 
-// Creates the monitors in their fixed order, each after its info line.
-void createMonitors(const ConfigVariables& config, SamplerList& samplers) {
-    TLOGI("Creating Process Memory sampler");
-    samplers.push_back(std::make_shared<ProcessMemorySampler>(config));
-    TLOGI("Creating System Memory sampler");
-    samplers.push_back(std::make_shared<SystemMemorySampler>(config));
+// What main owns for the life of the process. The idle detector's thread and
+// the guardrail passes use these records through references; when such a
+// thread may outlive main's scope (the idle thread was started early), the
+// records are left in place instead of destroyed, since the process ends
+// right after.
+struct DaemonRecords {
+    ConfigVariables config;
+    std::vector<MemoryGuardrailConfig> guardrailConfigs;
+    std::unique_ptr<IdleDetector> idleDetector;
+};
+
+// Records left to the process's end; reachable, so not a leak.
+DaemonRecords* gLingeringRecords = nullptr;
+
+// Starts the detector's thread with SIGTERM blocked in it, so that SIGTERM
+// only ever reaches the loop's signal descriptor.
+std::unique_ptr<std::thread> startIdleThread(IdleDetector* detector) {
+    sigset_t term;
+    sigset_t previous;
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &term, &previous);
+    std::unique_ptr<std::thread> thread;
+    try {
+        thread = std::make_unique<std::thread>([detector] { detector->trackIdleStatus(); });
+    } catch (...) {
+        pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+        throw;
+    }
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    return thread;
 }
 
 }  // namespace
@@ -46,8 +74,10 @@ int daemonMain() {
     TLOGI("Setting up Config Variables");
 
     std::unique_ptr<std::thread> idleThread;
+    auto records = std::make_unique<DaemonRecords>();
+    bool idleThreadStarted = false;
     try {
-        ConfigVariables config;
+        ConfigVariables& config = records->config;
         if (!parseJSONConfig(config)) return -1;
 
         if (!TavrenMetricConfig::instance().loadConfig(kDefaultMetricConfigPath)) {
@@ -55,21 +85,31 @@ int daemonMain() {
         }
 
         if (config.process_guardrail_monitoring_enabled) {
-            // The guardrail file and its monitor are not part of this build yet.
-            TLOGW("Process memory guardrail monitor is not available, disabling guardrail "
-                  "monitor");
-            config.process_guardrail_monitoring_enabled = false;
+            if (loadMemoryGuardrailConfig(records->guardrailConfigs) != 0) {
+                TLOGW("Failed to load Process memory guardrail config, disabling guardrail "
+                      "monitor");
+                config.process_guardrail_monitoring_enabled = false;
+            }
         } else {
             TLOGW("Memory guardrailing is disabled in config");
         }
 
-        IdleDetector idleDetector(config);
+        records->idleDetector = std::make_unique<IdleDetector>(config);
+        IdleDetector& idleDetector = *records->idleDetector;
         SamplerList samplers;
         CriticalConditionType criticalCondition = NO_CRITICAL_CONDITION;
-        bool idleThreadStarted = false;
-        auto idleBody = [](IdleDetector* detector) { detector->trackIdleStatus(); };
 
-        createMonitors(config, samplers);
+        TLOGI("Creating Process Memory sampler");
+        samplers.push_back(std::make_shared<ProcessMemorySampler>(config));
+        TLOGI("Creating System Memory sampler");
+        samplers.push_back(std::make_shared<SystemMemorySampler>(config));
+        if (config.process_guardrail_monitoring_enabled) {
+            TLOGI("Creating Process PSS Guardrail Monitor");
+            samplers.push_back(
+                std::make_shared<ProcessPssGuardrailMonitor>(config, records->guardrailConfigs));
+            idleThread = startIdleThread(&idleDetector);
+            idleThreadStarted = true;
+        }
         initMonitors(samplers);
 
         sigset_t signals;
@@ -101,16 +141,23 @@ int daemonMain() {
         } else {
             idleDetector.criticalConditionDetected.store(true, std::memory_order_release);
             idleDetector.criticalConditionType.store(criticalCondition, std::memory_order_release);
-            if (!idleThreadStarted) {
-                idleThread = std::make_unique<std::thread>(idleBody, &idleDetector);
-            }
+            if (!idleThreadStarted) idleThread = startIdleThread(&idleDetector);
             idleThread->join();
         }
     } catch (const std::exception& e) {
         TLOGE("main failed, reason=runttimeFailed %s", e.what());
     }
 
+    // Guardrail passes (and, on SIGTERM, the early idle thread) may still run
+    // and use the records: leave them to the process's end.
+    if (idleThreadStarted) gLingeringRecords = records.release();
+    records.reset();
+
     TLOGI("Exiting");
+    // With the idle thread started early and still running (SIGTERM with the
+    // guardrail enabled), destroying its handle ends the process through the
+    // runtime's termination handler, after "Exiting". Intended.
+    idleThread.reset();
     return 0;
 }
 
