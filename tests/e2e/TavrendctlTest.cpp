@@ -1,4 +1,9 @@
-// tavrendctl getprop/setprop against a device root's property store.
+// tavrendctl getprop/setprop against a device root's property store, and its
+// binder transactions against a service of this test process.
+#include <binder/Binder.h>
+#include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
+#include <binder/ProcessState.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -6,6 +11,7 @@
 #include <sstream>
 
 #include "E2E.h"
+#include "platform/binder_host.h"
 
 using namespace std::chrono_literals;
 using namespace tavrend::test;
@@ -26,6 +32,21 @@ Result ctl(const DeviceRoot& root, const std::vector<std::string>& args) {
     ss << in.rdbuf();
     return {status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1, ss.str()};
 }
+
+// Code 1 answers with the request's own data; code 2 with the daemon's token
+// answers int32 0 for the sample 250 and 1 for any other.
+class CtlTarget : public android::BBinder {
+protected:
+    android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
+                                 uint32_t flags) override {
+        if (code == 1) return reply->write(data.data(), data.dataSize());
+        if (code == 2 &&
+            data.enforceInterface(android::String16("com.corvail.android.service.TavrenIPC"))) {
+            return reply->writeInt32(data.readInt64() == 250 ? 0 : 1);
+        }
+        return BBinder::onTransact(code, data, reply, flags);
+    }
+};
 
 }  // namespace
 
@@ -48,4 +69,43 @@ TEST(Tavrendctl, GetpropAndSetpropBehaveLikeTheDeviceTools) {
 
     EXPECT_EQ(ctl(root, {}).exitCode, 2);
     EXPECT_EQ(ctl(root, {"setprop", "only-name"}).exitCode, 2);
+}
+
+TEST(Tavrendctl, UplAndCallSendBinderTransactions) {
+    DeviceRoot root;
+    tavrend::platform::resetBinderHost();
+    android::sp<android::IBinder> target = new CtlTarget;
+    for (const char* name : {"tavrend.ipc.service", "test.target"}) {
+        android::defaultServiceManager()->addService(android::String16(name), target);
+    }
+    android::ProcessState::self()->startThreadPool();
+    struct Case {
+        std::vector<std::string> args;
+        int exitCode;
+        std::string output;  // a part of it
+    };
+    const Case cases[] = {
+        {{"upl", "250"}, 0, "status: 0 (OK)\nreply: 0\n"},
+        {{"upl", "13"}, 1, "reply: 1\n"},
+        {{"upl", "2x"}, 2, "bad latency '2x'"},
+        {{"call", "test.target", "1", "i32", "7", "s16", "hi", "i64", "-1"},
+         0,
+         "status: 0 (OK)\nResult: Parcel(\n"
+         "  0x00000000: 00000007 00000002 00690068 00000000 '........h.i.....'\n"
+         "  0x00000010: ffffffff ffffffff '........')\n"},
+        {{"call", "test.target", "1", "token", "ab"},
+         0,
+         "0x00000010: 00620061 00000000 'a.b.....')"},
+        {{"call", "test.target", "1", "oneway"}, 0, "status: 0 (OK)\n"},
+        {{"call", "test.target", "9"}, 1, "status: -74 (UNKNOWN_TRANSACTION)\nResult: Parcel()\n"},
+        {{"call", "no.such", "1"}, 1, "service 'no.such' not found"},
+        {{"call", "test.target", "1", "i32", "1e3"}, 2, "bad argument 'i32 1e3'"},
+        {{"call", "test.target", "-1"}, 2, "bad transaction code '-1'"},
+    };
+    for (const auto& c : cases) {
+        auto got = ctl(root, c.args);
+        EXPECT_EQ(got.exitCode, c.exitCode) << c.args[1] << " " << c.args.back();
+        EXPECT_NE(got.output.find(c.output), std::string::npos) << got.output;
+    }
+    tavrend::platform::resetBinderHost();
 }

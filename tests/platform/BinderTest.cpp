@@ -1,0 +1,277 @@
+// The host binder layer: parcel bytes, and services reached over their sockets.
+#include <binder/IInterface.h>
+#include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
+#include <binder/ProcessState.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <utils/String8.h>
+
+#include <atomic>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include "platform/binder_host.h"
+#include "support/DeviceRoot.h"
+
+using namespace android;
+using tavrend::platform::kBinderTransactionMax;
+using Bytes = std::vector<uint8_t>;
+
+namespace {
+
+Bytes bytesOf(const Parcel& p) { return Bytes(p.data(), p.data() + p.dataSize()); }
+
+class ITestEcho : public IInterface {
+public:
+    static const String16 descriptor;
+};
+const String16 ITestEcho::descriptor("tavrend.test.IEcho");
+
+// Code 1: token, int64 N; the reply is int64 N + 1. Code 2 does nothing.
+class EchoService : public BnInterface<ITestEcho> {
+public:
+    std::atomic<int> calls{0};
+    std::atomic<bool> signalsBlocked{true};
+
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
+        sigset_t mask;
+        pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+        if (!sigismember(&mask, SIGTERM)) signalsBlocked = false;
+        ++calls;
+        if (code == 2) return OK;
+        if (code != 1) return BBinder::onTransact(code, data, reply, flags);
+        if (!data.enforceInterface(descriptor)) return BAD_TYPE;
+        return reply->writeInt64(data.readInt64() + 1);
+    }
+};
+
+Bytes echoRequest(uint32_t code, uint32_t flags, int64_t n) {
+    Parcel p;
+    p.writeUint32(code);
+    p.writeUint32(flags);
+    p.writeInterfaceToken(ITestEcho::descriptor);
+    p.writeInt64(n);
+    return bytesOf(p);
+}
+
+int64_t echo(const sp<IBinder>& b, int64_t n) {
+    Parcel data, reply;
+    data.writeInterfaceToken(ITestEcho::descriptor);
+    data.writeInt64(n);
+    return b->transact(1, data, &reply) == OK ? reply.readInt64() : -1;
+}
+
+const Bytes kTokenAb = {0x00, 0x00, 0x00, 0x80, 0xff, 0xff, 0xff, 0xff, 'T', 'S', 'Y', 'S',
+                        2,    0,    0,    0,    'a',  0,    'b',  0,    0,   0,   0,   0};
+
+}  // namespace
+
+TEST(BinderParcel, WritesTheDeviceLayout) {
+    struct Case {
+        const char* name;
+        std::function<void(Parcel&)> write;
+        Bytes want;
+    };
+    auto s16 = [](const char* text) {
+        return [text](Parcel& p) { p.writeString16(String16(text)); };
+    };
+    const std::vector<Case> cases = {
+        {"int64 right after an int32",
+         [](Parcel& p) { p.writeInt32(-2), p.writeInt64(0x0102030405060708); },
+         {0xfe, 0xff, 0xff, 0xff, 8, 7, 6, 5, 4, 3, 2, 1}},
+        {"empty", s16(""), {0, 0, 0, 0, 0, 0, 0, 0}},
+        {"a", s16("a"), {1, 0, 0, 0, 'a', 0, 0, 0}},
+        {"ab", s16("ab"), {2, 0, 0, 0, 'a', 0, 'b', 0, 0, 0, 0, 0}},
+        {"abc", s16("abc"), {3, 0, 0, 0, 'a', 0, 'b', 0, 'c', 0, 0, 0}},
+        {"abcd", s16("abcd"), {4, 0, 0, 0, 'a', 0, 'b', 0, 'c', 0, 'd', 0, 0, 0, 0, 0}},
+        {"utf-8 and a bad byte",
+         s16("\xc3\xa9\xff"),
+         {2, 0, 0, 0, 0xe9, 0, 0xfd, 0xff, 0, 0, 0, 0}},
+        {"null",
+         [](Parcel& p) { p.writeString16(std::optional<String16>()); },
+         {0xff, 0xff, 0xff, 0xff}},
+        {"interface token", [](Parcel& p) { p.writeInterfaceToken(String16("ab")); }, kTokenAb},
+    };
+    for (const auto& c : cases) {
+        Parcel p;
+        c.write(p);
+        EXPECT_EQ(bytesOf(p), c.want) << c.name;
+        EXPECT_EQ(p.dataPosition(), c.want.size()) << c.name;
+    }
+}
+
+TEST(BinderParcel, ReadsStopAtTheEndAndCheckTheToken) {
+    const Bytes fourBytes = {7, 0, 0, 0};
+    Parcel p;
+    p.setData(fourBytes.data(), 4);
+    int64_t v64 = 5;
+    EXPECT_EQ(p.readInt64(&v64), NOT_ENOUGH_DATA);
+    EXPECT_EQ(p.readInt64(), 0);
+    EXPECT_EQ(p.dataPosition(), 0u);
+    EXPECT_EQ(p.readInt32(), 7);
+    int32_t v32 = 5;
+    EXPECT_EQ(p.readInt32(&v32), NOT_ENOUGH_DATA);
+    EXPECT_EQ(p.readInt32(), 0);
+    EXPECT_EQ(p.dataPosition(), 4u);
+    p.setDataPosition(0);  // a String16 of 7 units in 0 bytes
+    String16 str;
+    EXPECT_EQ(p.readString16(&str), NOT_ENOUGH_DATA);
+    EXPECT_EQ(p.dataPosition(), 0u);
+
+    Parcel s;
+    s.writeString16(String16("h\xc3\xa9llo \xf0\x9f\x99\x82"));
+    s.setDataPosition(0);
+    EXPECT_STREQ(String8(s.readString16()).c_str(), "h\xc3\xa9llo \xf0\x9f\x99\x82");
+
+    struct Case {
+        const char* name;
+        size_t at;  // the byte changed
+        uint8_t value;
+        bool accepted;
+    };
+    const Case cases[] = {
+        {"as written", 0, 0x00, true},        {"other policy", 3, 0x00, true},
+        {"set work source", 4, 0x12, true},   {"other header", 8, 'X', false},
+        {"other descriptor", 18, 'c', false}, {"no terminator", 20, 1, false},
+    };
+    for (const auto& c : cases) {
+        Bytes b = kTokenAb;
+        b[c.at] = c.value;
+        Parcel t;
+        t.setData(b.data(), b.size());
+        EXPECT_EQ(t.enforceInterface(String16("ab")), c.accepted) << c.name;
+    }
+    Parcel shortToken;
+    shortToken.setData(kTokenAb.data(), 12);
+    EXPECT_FALSE(shortToken.enforceInterface(String16("ab")));
+}
+
+class BinderService : public ::testing::Test {
+protected:
+    void SetUp() override { tavrend::platform::resetBinderHost(); }
+    void TearDown() override { tavrend::platform::resetBinderHost(); }
+
+    void addEcho() {
+        ASSERT_EQ(defaultServiceManager()->addService(String16("test.echo"), service), OK);
+    }
+    sp<IBinder> proxy() const {
+        return defaultServiceManager()->checkService(String16("test.echo"));
+    }
+    // A client speaking the socket protocol directly.
+    int rawClient(bool bindInstead = false) const {
+        int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+        const timeval noHang{10, 0};  // a missing reply fails the test instead of hanging it
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &noHang, sizeof(noHang));
+        sockaddr_un addr{AF_UNIX, {}};
+        snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path.c_str());
+        auto* a = reinterpret_cast<sockaddr*>(&addr);
+        EXPECT_EQ(bindInstead ? bind(fd, a, sizeof(addr)) : connect(fd, a, sizeof(addr)), 0);
+        return fd;
+    }
+    static Bytes receive(int fd) {
+        Bytes b(64);
+        ssize_t n = recv(fd, b.data(), b.size(), 0);
+        b.resize(n > 0 ? static_cast<size_t>(n) : 0);
+        return b;
+    }
+
+    tavrend::test::DeviceRoot root;
+    std::string path = root.host("/dev/socket/binder/test.echo");
+    sp<EchoService> service = sp<EchoService>::make();
+};
+
+TEST_F(BinderService, RefusesBadRequestsWhileOtherClientsGoOn) {
+    std::filesystem::create_directories(root.host("/dev/socket/binder"));
+    close(rawClient(true));  // a socket file left by an earlier run
+    addEcho();
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISSOCK(st.st_mode));
+    EXPECT_EQ(st.st_mode & 0777, 0660u);
+    ProcessState::self()->startThreadPool();
+
+    sp<IBinder> good = proxy();
+    ASSERT_TRUE(good);
+    EXPECT_EQ(good->getInterfaceDescriptor(), ITestEcho::descriptor);
+    const int raw = rawClient();
+    const int big = static_cast<int>(2 * kBinderTransactionMax);
+    setsockopt(raw, SOL_SOCKET, SO_SNDBUFFORCE, &big, sizeof(big));
+    struct Case {
+        size_t size;
+        status_t want;
+        bool reachesService;
+    };
+    const Case cases[] = {
+        {0, FAILED_TRANSACTION, false},
+        {3, FAILED_TRANSACTION, false},
+        {7, FAILED_TRANSACTION, false},
+        {8, UNKNOWN_TRANSACTION, true},
+        {kBinderTransactionMax, UNKNOWN_TRANSACTION, true},
+        {kBinderTransactionMax + 1, FAILED_TRANSACTION, false},
+    };
+    for (const auto& c : cases) {
+        const int before = service->calls;
+        if (send(raw, Bytes(c.size).data(), c.size, MSG_NOSIGNAL) < 0) {
+            ASSERT_EQ(errno, EMSGSIZE);  // an unprivileged host can't send it
+            continue;
+        }
+        Bytes want(4);
+        memcpy(want.data(), &c.want, 4);
+        EXPECT_EQ(receive(raw), want) << c.size;
+        EXPECT_EQ(echo(good, 41), 42);
+        EXPECT_EQ(service->calls, before + (c.reachesService ? 1 : 0) + 1) << c.size;
+    }
+
+    close(rawClient());  // leaves at once
+    const int leaver = rawClient();
+    const Bytes request = echoRequest(1, 0, 1);
+    send(leaver, request.data(), request.size(), MSG_NOSIGNAL);
+    close(leaver);  // leaves before its reply
+    EXPECT_EQ(echo(good, 6), 7);
+    close(raw);
+}
+
+TEST_F(BinderService, OnewayGetsNoReply) {
+    ProcessState::self()->startThreadPool();
+    addEcho();  // after the pool started
+    const int raw = rawClient();
+    for (const Bytes& r : {echoRequest(2, IBinder::FLAG_ONEWAY, 0), echoRequest(1, 0, 41)}) {
+        send(raw, r.data(), r.size(), MSG_NOSIGNAL);
+    }
+    EXPECT_EQ(receive(raw), (Bytes{0, 0, 0, 0, 42, 0, 0, 0, 0, 0, 0, 0}));
+    close(raw);
+
+    Parcel data, reply;
+    EXPECT_EQ(proxy()->transact(2, data, &reply, IBinder::FLAG_ONEWAY), OK);
+    EXPECT_EQ(reply.dataSize(), 0u);
+}
+
+TEST_F(BinderService, ServesManyClientsAtOnce) {
+    addEcho();
+    ProcessState::self()->startThreadPool();
+    const int idle = rawClient();  // connected, never sends
+    constexpr int kClients = 6, kCalls = 200;
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> clients;
+    for (int t = 0; t < kClients; ++t) {
+        clients.emplace_back([&, t] {
+            sp<IBinder> b = proxy();
+            for (int i = 0; i < kCalls; ++i) {
+                if (!b || echo(b, t * 1000 + i) != t * 1000 + i + 1) ++wrong;
+            }
+        });
+    }
+    for (auto& c : clients) c.join();
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(service->calls, kClients * kCalls);
+    EXPECT_TRUE(service->signalsBlocked);
+    close(idle);
+}
