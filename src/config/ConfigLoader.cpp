@@ -7,7 +7,7 @@
 #include <mutex>
 
 #include "config/Constants.h"
-#include "config/Log.h"
+#include "common/Log.h"
 #include "config/cjson_ext.h"
 
 namespace tavrend {

@@ -1,5 +1,7 @@
 #include "config/Constants.h"
 
+#include "common/Log.h"
+
 namespace tavrend {
 
 const char* const SYSTEM_MEM_KEYS[kSystemMemKeyCount] = {
@@ -46,7 +48,7 @@ const char* const PERCEPTIBLE = "Perceptible";
 const char* const BACKUP = "Backup";
 const char* const OTHER = "Other";
 
-const char* const LOG_TAG_TAVREND = "tavrend";
+const char* const LOG_TAG_TAVREND = kTavrendLogTag;
 
 const char* const UPTIME_TILL_IDLE_OVERRIDE = "uptime_till_idle_override";
 const char* const TIME_TILL_IDLE = "time_till_idle";

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "config/Log.h"
+#include "common/Log.h"
 #include "config/cjson_ext.h"
 
 namespace tavrend {

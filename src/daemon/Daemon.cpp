@@ -11,10 +11,11 @@
 #include <vector>
 
 #include "config/ConfigLoader.h"
-#include "config/Log.h"
+#include "common/Log.h"
 #include "config/MemoryGuardrailConfig.h"
 #include "daemon/Monitoring.h"
 #include "metrics/TavrenMetricConfig.h"
+#include "monitors/DeviceUplMonitor.h"
 #include "monitors/ProcessMemorySampler.h"
 #include "monitors/ProcessPssGuardrailMonitor.h"
 #include "monitors/SystemMemorySampler.h"
@@ -23,15 +24,16 @@
 namespace tavrend {
 namespace {
 
-// What main owns for the life of the process. The idle detector's thread and
-// the guardrail passes use these records through references; when such a
-// thread may outlive main's scope (the idle thread was started early), the
-// records are left in place instead of destroyed, since the process ends
-// right after.
+// What main owns for the life of the process. The idle detector's thread, the
+// guardrail passes and the binder threads (through the latency monitor) use
+// these records; when such a thread may outlive main's scope, the records are
+// left in place instead of destroyed, since the process ends right after.
 struct DaemonRecords {
     ConfigVariables config;
     std::vector<MemoryGuardrailConfig> guardrailConfigs;
     std::unique_ptr<IdleDetector> idleDetector;
+    // The binder service refers to it for as long as the process serves.
+    std::shared_ptr<DeviceUplMonitor> uplMonitor;
 };
 
 // Records left to the process's end; reachable, so not a leak.
@@ -103,6 +105,9 @@ int daemonMain() {
         samplers.push_back(std::make_shared<ProcessMemorySampler>(config));
         TLOGI("Creating System Memory sampler");
         samplers.push_back(std::make_shared<SystemMemorySampler>(config));
+        TLOGI("Creating Device Upl Monitor Event handler");
+        records->uplMonitor = std::make_shared<DeviceUplMonitor>(config);
+        samplers.push_back(records->uplMonitor);
         if (config.process_guardrail_monitoring_enabled) {
             TLOGI("Creating Process PSS Guardrail Monitor");
             samplers.push_back(
@@ -148,9 +153,11 @@ int daemonMain() {
         TLOGE("main failed, reason=runttimeFailed %s", e.what());
     }
 
-    // Guardrail passes (and, on SIGTERM, the early idle thread) may still run
-    // and use the records: leave them to the process's end.
-    if (idleThreadStarted) gLingeringRecords = records.release();
+    // Guardrail passes, binder threads and, on SIGTERM, the early idle thread
+    // may still run and use the records: leave them to the process's end.
+    if (idleThreadStarted || records->config.dupl_monitoring_enabled) {
+        gLingeringRecords = records.release();
+    }
     records.reset();
 
     TLOGI("Exiting");

@@ -1,16 +1,13 @@
-// The interface every monitor implements, and the conditions a monitor raises.
+// The interface every monitor implements.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 
-namespace tavrend {
+#include "common/CriticalConditionType.h"
+#include "config/ConfigVariables.h"
 
-enum CriticalConditionType : int32_t {
-    CRITICAL_MEMORY = 0,        // memory is being leaked
-    CRITICAL_UPL = 1,           // too many bad user-perceived-latency samples
-    NO_CRITICAL_CONDITION = 2,  // nothing detected
-};
+namespace tavrend {
 
 // A monitor driven once a second by the monitoring loop. A monitor raises a
 // critical condition by storing it with setCriticalConditionDetected(); the
@@ -48,7 +45,10 @@ public:
 protected:
     // The rule every periodic monitor shares: unless forced, sample only when
     // `tick` is a multiple of the period (a period below 1 counts as 1).
-    bool checkPeriodic(unsigned long long tick, bool force, int32_t periodSec);
+    bool checkPeriodic(unsigned long long tick, bool force, int32_t periodSec) {
+        if (!force && tick % effectivePeriod(periodSec) != 0) return true;
+        return fetch();
+    }
 
     std::atomic<CriticalConditionType> criticalCondition{NO_CRITICAL_CONDITION};
 };

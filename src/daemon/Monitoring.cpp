@@ -8,7 +8,7 @@
 #include <ctime>
 #include <stdexcept>
 
-#include "config/Log.h"
+#include "common/Log.h"
 #include "platform/time_seam.h"
 
 namespace tavrend {

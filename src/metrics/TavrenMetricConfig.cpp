@@ -2,7 +2,7 @@
 
 #include <cutils/properties.h>
 
-#include "config/Log.h"
+#include "common/Log.h"
 #include "config/cjson_ext.h"
 
 namespace tavrend {

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "config/Log.h"
+#include "common/Log.h"
 
 namespace tavrend {
 

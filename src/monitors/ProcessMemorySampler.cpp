@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "config/Log.h"
+#include "common/Log.h"
 #include "platform/device_root.h"
 #include "platform/time_seam.h"
 #include "stats/StatUtil.h"

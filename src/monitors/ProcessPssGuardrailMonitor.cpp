@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "config/Constants.h"
-#include "config/Log.h"
+#include "common/Log.h"
 #include "metrics/TavrenMetricConfig.h"
 #include "monitors/ProcessKiller.h"
 #include "stats/StatUtil.h"

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "config/Log.h"
+#include "common/Log.h"
 #include "platform/device_root.h"
 #include "stats/TextScan.h"
 

@@ -6,7 +6,7 @@
 #include <stdexcept>
 
 #include "config/Constants.h"
-#include "config/Log.h"
+#include "common/Log.h"
 #include "metrics/TavrenMetricConfig.h"
 #include "platform/time_seam.h"
 

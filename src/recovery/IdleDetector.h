@@ -5,7 +5,7 @@
 #include <string>
 
 #include "config/ConfigVariables.h"
-#include "daemon/MetricSamplerInterface.h"
+#include "common/CriticalConditionType.h"
 #include "metrics/TavrendMetric.h"
 
 namespace tavrend {

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <string>
@@ -30,10 +31,17 @@ const char* kConfig = R"({
                         "process_kill_metrics_interval_sec": 2}
 })";
 
-const char* kGuardrails = R"({"processes": [
-  {"name": "guard_hard", "soft_memory_limit": 10240, "hard_memory_limit": 40960},
-  {"name": "guard_soft", "soft_memory_limit": 10240, "hard_memory_limit": 409600}
-]})";
+// The daemon watches the whole machine: names unique to this test run keep
+// it away from any other run's helpers.
+const std::string kHard = "hard" + std::to_string(getpid());
+const std::string kSoft = "soft" + std::to_string(getpid());
+
+std::string guardrails() {
+    return R"({"processes": [{"name": ")" + kHard +
+           R"(", "soft_memory_limit": 10240, "hard_memory_limit": 40960},
+                            {"name": ")" + kSoft +
+           R"(", "soft_memory_limit": 10240, "hard_memory_limit": 409600}]})";
+}
 
 const char* kMetricConfig = R"({"OrreryConfig": {"Enabled": true, "GroupId": "g"},
   "MetricConfig": [{"MetricConfig": "MemoryGuardrail", "Active": true,
@@ -68,33 +76,33 @@ TEST(GuardrailE2E, HardKillAtOnceSoftKillWhenIdleCountsPublished) {
     DeviceRoot root(false);
     root.setDaemonConfig(kConfig);
     root.setMetricConfig(kMetricConfig);
-    root.writeFile("/system/etc/tavrend/tavrend_memory_guardrail.json", kGuardrails);
+    root.writeFile("/system/etc/tavrend/tavrend_memory_guardrail.json", guardrails());
     root.setProperty("sys.user_activity_detected", "true");
     START_DRAVIK(dravik, root.path());
 
-    Subprocess hard(binPath("guardrail_hog"), {"guard_hard", "64"}, {});
-    Subprocess soft(binPath("guardrail_hog"), {"guard_soft", "24"}, {});
+    Subprocess hard(binPath("guardrail_hog"), {kHard, "64"}, {});
+    Subprocess soft(binPath("guardrail_hog"), {kSoft, "24"}, {});
     ASSERT_TRUE(waitUntil([&] { return vmRssKb(hard.pid()) > 60000 && vmRssKb(soft.pid()) > 22000; },
                           10s));
 
     DaemonRun run(root);
     run.start();
     const std::string softPid = std::to_string(soft.pid());
-    ASSERT_TRUE(run.waitForMessage("Memory usage for guard_hard (" + std::to_string(hard.pid()) +
+    ASSERT_TRUE(run.waitForMessage("Memory usage for " + kHard + " (" + std::to_string(hard.pid()) +
                                        ") exceeds hard guardrails, killing it immediately",
                                    20s));
     EXPECT_TRUE(killedBySigkill(hard));
     ASSERT_TRUE(run.waitForMessage("Adding process " + softPid + " to killable list", 10s));
     // Several more passes while the device is busy: queued once, still alive.
     ASSERT_TRUE(waitUntil([&] {
-        return countPrefix(run.log(), "Memory usage for guard_soft (" + softPid + ")") >= 3;
+        return countPrefix(run.log(), "Memory usage for " + kSoft + " (" + softPid + ")") >= 3;
     }, 10s));
     EXPECT_TRUE(soft.running());
     EXPECT_EQ(countPrefix(run.log(), "Adding process " + softPid + " to killable list"), 1u);
 
     root.setProperty("sys.user_activity_detected", "false");
     ASSERT_TRUE(run.waitForMessage(
-        "process=guard_soft pid=" + softPid + " kill_count=1 killabe_process_count=0", 10s));
+        "process=" + kSoft + " pid=" + softPid + " kill_count=1 killabe_process_count=0", 10s));
     EXPECT_TRUE(killedBySigkill(soft));
 
     // Each kill reaches the metrics buffer at a metrics tick, once.
@@ -103,8 +111,8 @@ TEST(GuardrailE2E, HardKillAtOnceSoftKillWhenIdleCountsPublished) {
     std::this_thread::sleep_for(2500ms);  // a later metrics tick adds nothing
     const auto records = run.log("metrics");
     ASSERT_EQ(records.size(), 2u);
-    EXPECT_TRUE(records[0].message.starts_with("g:s:100:process=guard_hard;SY,kills=1" + tail));
-    EXPECT_TRUE(records[1].message.starts_with("g:s:100:process=guard_soft;SY,kills=1" + tail));
+    EXPECT_TRUE(records[0].message.starts_with("g:s:100:process=" + kHard + ";SY,kills=1" + tail));
+    EXPECT_TRUE(records[1].message.starts_with("g:s:100:process=" + kSoft + ";SY,kills=1" + tail));
 
     // SIGTERM with the guardrail enabled: the early idle thread is still
     // running when main ends, so the runtime's termination handler ends the
