@@ -32,7 +32,6 @@
 
 namespace {
 
-
 constexpr int kShippedHistory = 60;  // "num_historical_vals" of the shipped configuration
 constexpr int kScansPerHour = 3600;
 
@@ -52,7 +51,6 @@ BenchRoot& useRoot(int count) {
     tavrend::platform::setDeviceRoot(r.root);
     return r;
 }
-
 
 size_t listDirRaw(const std::string& path) {
     DIR* dir = opendir(path.c_str());

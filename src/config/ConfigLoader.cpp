@@ -6,8 +6,8 @@
 #include <cstring>
 #include <mutex>
 
-#include "config/Constants.h"
 #include "common/Log.h"
+#include "config/Constants.h"
 #include "config/cjson_ext.h"
 
 namespace tavrend {
@@ -24,8 +24,8 @@ const char* stringOf(const cJSON* item) {
 }
 
 void storeBucket(const cJSON* item, int32_t& field) {
-    static const char* const kBuckets[] = {"foreground",  "visible",     "perceptible",
-                                           "backup",      "cache_start", "cache_end"};
+    static const char* const kBuckets[] = {"foreground", "visible",     "perceptible",
+                                           "backup",     "cache_start", "cache_end"};
     const char* s = stringOf(item);
     if (s == nullptr) return;
     for (int32_t code = 0; code < 6; ++code) {

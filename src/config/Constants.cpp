@@ -24,8 +24,9 @@ const char* const SYSTEM_MEM_KEYS[kSystemMemKeyCount] = {
 };
 
 const char* const PROC_SCAN_KEYS[kProcScanKeyCount] = {
-    "proc_scan_interval_sec", "rss_read_interval_sec", "pss_read_interval_sec",
-    "num_pss_processes",      "num_historical_vals",   "pss_logging",
+    "proc_scan_interval_sec",        "rss_read_interval_sec",
+    "pss_read_interval_sec",         "num_pss_processes",
+    "num_historical_vals",           "pss_logging",
     "process_mem_heartbeat_samples",
 };
 
@@ -63,10 +64,9 @@ const char* const MEMORY_GUARDRAIL = "MemoryGuardrail";
 const char* const DEFAULT_NAME = "default";
 
 const char* const METRIC_DEVICE_KEYS[kMetricDeviceKeyCount] = {
-    "_softwareVersion", "_deviceType",   "_platform",       "_model",
-    "_buildType",       "_marketPlaceId", "_countryOfResidence", "_deviceLanguage",
-    "_otaGroupName",    "_timeZone",     "_deviceId",       "_customerId",
-    "_hardware",
+    "_softwareVersion", "_deviceType",         "_platform",       "_model",        "_buildType",
+    "_marketPlaceId",   "_countryOfResidence", "_deviceLanguage", "_otaGroupName", "_timeZone",
+    "_deviceId",        "_customerId",         "_hardware",
 };
 
 }  // namespace tavrend

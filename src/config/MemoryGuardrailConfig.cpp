@@ -37,11 +37,12 @@ int loadMemoryGuardrailConfig(std::vector<MemoryGuardrailConfig>& configs) {
         if (!cJSON_IsString(name) || name->valuestring == nullptr || !cJSON_IsNumber(soft) ||
             !cJSON_IsNumber(hard)) {
             // A row without both limits can't be enforced safely; the others still are.
-            TLOGE("Guardrail entry %d (%s) needs a string name and numeric soft_memory_limit "
-                  "and hard_memory_limit, skipping it",
-                  index,
-                  cJSON_IsString(name) && name->valuestring != nullptr ? name->valuestring
-                                                                        : "no name");
+            TLOGE(
+                "Guardrail entry %d (%s) needs a string name and numeric soft_memory_limit "
+                "and hard_memory_limit, skipping it",
+                index,
+                cJSON_IsString(name) && name->valuestring != nullptr ? name->valuestring
+                                                                     : "no name");
             continue;
         }
         MemoryGuardrailConfig row{name->valuestring, limitOf(soft), limitOf(hard)};

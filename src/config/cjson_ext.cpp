@@ -7,7 +7,7 @@
 
 namespace {
 // Configuration files are small; refuse anything absurd instead of reading it all.
-constexpr size_t kMaxJsonFileBytes = 16 * 1024 * 1024;
+constexpr size_t kMaxJsonFileBytes = size_t{16} << 20;
 }  // namespace
 
 extern "C" cJSON* cJSON_Parse_File(const char* path, int flags) {

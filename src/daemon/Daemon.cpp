@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "config/ConfigLoader.h"
 #include "common/Log.h"
+#include "config/ConfigLoader.h"
 #include "config/MemoryGuardrailConfig.h"
 #include "daemon/Monitoring.h"
 #include "metrics/TavrenMetricConfig.h"
@@ -88,8 +88,9 @@ int daemonMain() {
 
         if (config.process_guardrail_monitoring_enabled) {
             if (loadMemoryGuardrailConfig(records->guardrailConfigs) != 0) {
-                TLOGW("Failed to load Process memory guardrail config, disabling guardrail "
-                      "monitor");
+                TLOGW(
+                    "Failed to load Process memory guardrail config, disabling guardrail "
+                    "monitor");
                 config.process_guardrail_monitoring_enabled = false;
             }
         } else {

@@ -136,8 +136,7 @@ std::string TavrendMetric::buildOrreryMetricTailString() {
 // Writes one record per accumulated entry with a non-empty body, then empties
 // the map. An unknown or inactive configuration drops what was accumulated.
 template <typename Map, typename MakeBody>
-void TavrendMetric::publishEntries(Map& metrics, const std::string& configName,
-                                   MakeBody makeBody) {
+void TavrendMetric::publishEntries(Map& metrics, const std::string& configName, MakeBody makeBody) {
     if (metrics.empty()) return;
     const std::string header = buildOrreryMetricHeaderString(configName);
     const std::string tail = buildOrreryMetricTailString();
@@ -149,7 +148,11 @@ void TavrendMetric::publishEntries(Map& metrics, const std::string& configName,
     for (const auto& entry : metrics) {
         // An entry that does not fit the schema is dropped without a message.
         const std::string body = makeBody(entry);
-        if (!body.empty()) writeRecord(header + body + tail);
+        if (body.empty()) continue;
+        std::string record;
+        record.reserve(header.size() + body.size() + tail.size());
+        record.append(header).append(body).append(tail);
+        writeRecord(record);
     }
     metrics.clear();
 }

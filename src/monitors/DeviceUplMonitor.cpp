@@ -13,7 +13,8 @@ namespace tavrend {
 
 DeviceUplMonitor::DeviceUplMonitor(const ConfigVariables& config)
     : config(config),
-      badSamples(std::make_shared<CircularArrayList>(config.critical_upl_bad_sample_count_threshold)) {}
+      badSamples(
+          std::make_shared<CircularArrayList>(config.critical_upl_bad_sample_count_threshold)) {}
 
 bool DeviceUplMonitor::init() {
     if (!config.dupl_monitoring_enabled) return false;
@@ -21,9 +22,8 @@ bool DeviceUplMonitor::init() {
     android::ProcessState::self();
     // The service manager keeps the only reference; a failed registration
     // goes unnoticed, as on a device.
-    android::defaultServiceManager()->addService(
-        android::String16(android::kTavrendIpcServiceName), new android::BnTavrendIPC(*this),
-        false, 8);
+    android::defaultServiceManager()->addService(android::String16(android::kTavrendIpcServiceName),
+                                                 new android::BnTavrendIPC(*this), false, 8);
     TLOGI("Starting native binder server");
     android::ProcessState::self()->startThreadPool();
     return true;

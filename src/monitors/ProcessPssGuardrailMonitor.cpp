@@ -5,8 +5,8 @@
 #include <mutex>
 #include <thread>
 
-#include "config/Constants.h"
 #include "common/Log.h"
+#include "config/Constants.h"
 #include "metrics/TavrenMetricConfig.h"
 #include "monitors/ProcessKiller.h"
 #include "stats/StatUtil.h"
@@ -102,15 +102,17 @@ bool ProcessPssGuardrailMonitor::checkProcessAgainstGuardrail(ProcessPssGuardrai
     uint64_t pss = 0;
     if (!StatUtil::getProcessPss(entry.pid, pss)) return false;
     entry.totalPss = pss;
-    TLOGI("Pid: %d, Name: %s, TotalPss: %llu kB, MemorySoftLimit: %llu kB, MemoryHardLimit: "
-          "%llu kB",
-          entry.pid, entry.name.c_str(), ull(pss), ull(entry.memorySoftLimit),
-          ull(entry.memoryHardLimit));
+    TLOGI(
+        "Pid: %d, Name: %s, TotalPss: %llu kB, MemorySoftLimit: %llu kB, MemoryHardLimit: "
+        "%llu kB",
+        entry.pid, entry.name.c_str(), ull(pss), ull(entry.memorySoftLimit),
+        ull(entry.memoryHardLimit));
     if (pss > entry.memorySoftLimit) {
         if (pss <= entry.memoryHardLimit) {
-            TLOGE("Memory usage for %s (%d) exceeds soft guardrails, queuing up kill on device "
-                  "idle",
-                  entry.name.c_str(), entry.pid);
+            TLOGE(
+                "Memory usage for %s (%d) exceeds soft guardrails, queuing up kill on device "
+                "idle",
+                entry.name.c_str(), entry.pid);
             if (entry.killable) return true;
             entry.killable = true;
             TLOGI("Adding process %d to killable list", entry.pid);
@@ -173,10 +175,11 @@ void ProcessPssGuardrailMonitor::emitMetrics() {
 void ProcessPssGuardrailMonitor::dumpReport() {
     std::lock_guard<std::mutex> lock(guardrailLock());
     for (const ProcessPssGuardrail& entry : guardrails) {
-        TLOGI("Pid: %d, Name: %s, TotalPss: %llu, MemorySoftLimit: %llu, MemoryHardLimit: %llu, "
-              "KillCount: %d",
-              entry.pid, entry.name.c_str(), ull(entry.totalPss), ull(entry.memorySoftLimit),
-              ull(entry.memoryHardLimit), entry.killCount);
+        TLOGI(
+            "Pid: %d, Name: %s, TotalPss: %llu, MemorySoftLimit: %llu, MemoryHardLimit: %llu, "
+            "KillCount: %d",
+            entry.pid, entry.name.c_str(), ull(entry.totalPss), ull(entry.memorySoftLimit),
+            ull(entry.memoryHardLimit), entry.killCount);
     }
 }
 

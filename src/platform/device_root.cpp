@@ -39,9 +39,7 @@ std::shared_ptr<const RootInfo> current() {
     return gRoot;
 }
 
-bool isProcPath(std::string_view p) {
-    return p == "/proc" || p.substr(0, 6) == "/proc/";
-}
+bool isProcPath(std::string_view p) { return p == "/proc" || p.substr(0, 6) == "/proc/"; }
 
 }  // namespace
 

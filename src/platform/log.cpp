@@ -74,6 +74,8 @@ int vlog(int bufId, int prio, const char* tag, const char* fmt, va_list ap) {
     if (bufId < 0 || bufId >= static_cast<int>(kBufferNames.size())) return -EINVAL;
     if (tag == nullptr) tag = "";
     char msg[kMessageMax];
+    // `ap` was started by the public entry points.
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
     int n = vsnprintf(msg, sizeof(msg), fmt ? fmt : "", ap);
     if (n < 0) return -EINVAL;
     size_t msgLen = strnlen(msg, sizeof(msg));
@@ -133,8 +135,7 @@ int vlog(int bufId, int prio, const char* tag, const char* fmt, va_list ap) {
 
 }  // namespace
 
-extern "C" int __android_log_buf_print(int bufID, int prio, const char* tag, const char* fmt,
-                                       ...) {
+extern "C" int __android_log_buf_print(int bufID, int prio, const char* tag, const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
     int r = vlog(bufID, prio, tag, fmt, ap);

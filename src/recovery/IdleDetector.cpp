@@ -5,8 +5,8 @@
 #include <mutex>
 #include <stdexcept>
 
-#include "config/Constants.h"
 #include "common/Log.h"
+#include "config/Constants.h"
 #include "metrics/TavrenMetricConfig.h"
 #include "platform/time_seam.h"
 
@@ -51,8 +51,8 @@ void IdleDetector::trackIdleStatus() {
 
 void IdleDetector::emitDuration(const std::string& name, unsigned long value) {
     if (!TavrenMetricConfig::instance().orreryConfig.enabled) return;
-    metric.emitOrreryMetricPairVec(name,
-                                   {{DURATION_TYPE, name}, {DURATION_VALUE, std::to_string(value)}});
+    metric.emitOrreryMetricPairVec(
+        name, {{DURATION_TYPE, name}, {DURATION_VALUE, std::to_string(value)}});
 }
 
 void IdleDetector::publishDuration(bool haveEntry, bool legacyActive, const std::string& name,
@@ -100,9 +100,10 @@ void IdleDetector::waitForIdleAndRecover(unsigned startUptime) {
                     break;
                 }
                 if (getDeviceIdleStatus()) {
-                    TLOGE("No user activity, current uptime %lu secs, was waiting for idle for %lu "
-                          "secs",
-                          static_cast<unsigned long>(uptime), static_cast<unsigned long>(waited));
+                    TLOGE(
+                        "No user activity, current uptime %lu secs, was waiting for idle for %lu "
+                        "secs",
+                        static_cast<unsigned long>(uptime), static_cast<unsigned long>(waited));
                     emitDuration(TIME_TILL_IDLE, waited);
                     emitDuration(UPTIME_TILL_REBOOT, uptime);
                     publishDuration(haveEntry, legacyActive, TIME_TILL_IDLE, waited);
@@ -115,8 +116,9 @@ void IdleDetector::waitForIdleAndRecover(unsigned startUptime) {
             }
         }
         if (pass % 10 == 0) {
-            TLOGI("IdleDetector heartbeat current uptime: %lu secs, waiting for idle since %lu secs",
-                  static_cast<unsigned long>(uptime), static_cast<unsigned long>(waited));
+            TLOGI(
+                "IdleDetector heartbeat current uptime: %lu secs, waiting for idle since %lu secs",
+                static_cast<unsigned long>(uptime), static_cast<unsigned long>(waited));
         }
         platform::sleepSeconds(intervalSec(config));
     }

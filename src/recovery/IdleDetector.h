@@ -4,8 +4,8 @@
 #include <atomic>
 #include <string>
 
-#include "config/ConfigVariables.h"
 #include "common/CriticalConditionType.h"
+#include "config/ConfigVariables.h"
 #include "metrics/TavrendMetric.h"
 
 namespace tavrend {
@@ -46,7 +46,6 @@ protected:
                                  unsigned long value);
 
 private:
-
     const ConfigVariables& config;
     std::string tag;
     TavrendMetric metric;

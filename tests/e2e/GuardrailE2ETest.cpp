@@ -39,8 +39,8 @@ const std::string kSoft = "soft" + std::to_string(getpid());
 std::string guardrails() {
     return R"({"processes": [{"name": ")" + kHard +
            R"(", "soft_memory_limit": 10240, "hard_memory_limit": 40960},
-                            {"name": ")" + kSoft +
-           R"(", "soft_memory_limit": 10240, "hard_memory_limit": 409600}]})";
+                            {"name": ")" +
+           kSoft + R"(", "soft_memory_limit": 10240, "hard_memory_limit": 409600}]})";
 }
 
 const char* kMetricConfig = R"({"OrreryConfig": {"Enabled": true, "GroupId": "g"},
@@ -82,8 +82,8 @@ TEST(GuardrailE2E, HardKillAtOnceSoftKillWhenIdleCountsPublished) {
 
     Subprocess hard(binPath("guardrail_hog"), {kHard, "64"}, {});
     Subprocess soft(binPath("guardrail_hog"), {kSoft, "24"}, {});
-    ASSERT_TRUE(waitUntil([&] { return vmRssKb(hard.pid()) > 60000 && vmRssKb(soft.pid()) > 22000; },
-                          10s));
+    ASSERT_TRUE(
+        waitUntil([&] { return vmRssKb(hard.pid()) > 60000 && vmRssKb(soft.pid()) > 22000; }, 10s));
 
     DaemonRun run(root);
     run.start();
@@ -94,9 +94,11 @@ TEST(GuardrailE2E, HardKillAtOnceSoftKillWhenIdleCountsPublished) {
     EXPECT_TRUE(killedBySigkill(hard));
     ASSERT_TRUE(run.waitForMessage("Adding process " + softPid + " to killable list", 10s));
     // Several more passes while the device is busy: queued once, still alive.
-    ASSERT_TRUE(waitUntil([&] {
-        return countPrefix(run.log(), "Memory usage for " + kSoft + " (" + softPid + ")") >= 3;
-    }, 10s));
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            return countPrefix(run.log(), "Memory usage for " + kSoft + " (" + softPid + ")") >= 3;
+        },
+        10s));
     EXPECT_TRUE(soft.running());
     EXPECT_EQ(countPrefix(run.log(), "Adding process " + softPid + " to killable list"), 1u);
 
@@ -124,7 +126,8 @@ TEST(GuardrailE2E, HardKillAtOnceSoftKillWhenIdleCountsPublished) {
     const auto log = run.log();
     const long received = findMessage(log, "Received signal 15");
     ASSERT_GE(received, 0);
-    EXPECT_GT(findMessage(log, "Exiting", received), findMessage(log, "Invalid Critical Condition"));
+    EXPECT_GT(findMessage(log, "Exiting", received),
+              findMessage(log, "Invalid Critical Condition"));
     std::ifstream err(run.logDir() + "/stderr.txt");
     const std::string stderrText((std::istreambuf_iterator<char>(err)), {});
     EXPECT_EQ(stderrText.find("Sanitizer"), std::string::npos) << stderrText;

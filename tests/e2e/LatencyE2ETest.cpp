@@ -54,15 +54,17 @@ TEST(LatencyE2E, BadSamplesOverBinderLeadToReportAndReboot) {
     EXPECT_NE(tavrendctl(root, {"call", "tavrend.ipc.service", "2", "token", "x", "i64", "900"}),
               0);  // status -1: nothing recorded
     EXPECT_NE(tavrendctl(root, {"upl", "nine"}), 0);
-    EXPECT_EQ(findMessage(run.log(), "Critical UPL condition detected since bad sample count "
-                                     "threshold reached"),
+    EXPECT_EQ(findMessage(run.log(),
+                          "Critical UPL condition detected since bad sample count "
+                          "threshold reached"),
               -1);
     EXPECT_EQ(tavrendctl(root, {"upl", "900"}), 0);
-    ASSERT_TRUE(run.waitForMessage("UserPerceivedLatency.Audio.DeviceProcessing Values: {900, 900}",
-                                   10s));
-    EXPECT_TRUE(run.waitForMessage("Total samples=3, bad samples=2, bad sample threshold=2, bad "
-                                   "upl threshold=500",
-                                   1s));
+    ASSERT_TRUE(
+        run.waitForMessage("UserPerceivedLatency.Audio.DeviceProcessing Values: {900, 900}", 10s));
+    EXPECT_TRUE(
+        run.waitForMessage("Total samples=3, bad samples=2, bad sample threshold=2, bad "
+                           "upl threshold=500",
+                           1s));
 
     root.setProperty("sys.user_activity_detected", "false");
     const auto status = run.process().wait(20s);

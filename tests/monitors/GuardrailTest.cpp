@@ -57,7 +57,9 @@ TEST(GuardrailConfig, RowsInFileOrderIncompleteOnesSkippedFailures) {
                            {"name": "a", "soft_memory_limit": 1, "hard_memory_limit": 2},
                            {"name": "b", "soft_memory_limit": "1", "hard_memory_limit": 2},
                            {"soft_memory_limit": 1, "hard_memory_limit": 2}, 7]})",
-         0, {"a 100 18446744073709551615", "a 1 2"}, 3},
+         0,
+         {"a 100 18446744073709551615", "a 1 2"},
+         3},
         {R"({"processes": []})", 0, {}, 0},
         {R"({"processes": {}})", -1, {}, 0},
         {R"([1])", -1, {}, 0},
@@ -66,7 +68,10 @@ TEST(GuardrailConfig, RowsInFileOrderIncompleteOnesSkippedFailures) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.json ? c.json : "no file");
-        if (c.json) root.writeFile(kGuardrailFile, c.json); else root.removePath(kGuardrailFile);
+        if (c.json)
+            root.writeFile(kGuardrailFile, c.json);
+        else
+            root.removePath(kGuardrailFile);
         log.clear();
         std::vector<MemoryGuardrailConfig> rows;
         EXPECT_EQ(loadMemoryGuardrailConfig(rows), c.result);
@@ -81,8 +86,9 @@ TEST(GuardrailConfig, RowsInFileOrderIncompleteOnesSkippedFailures) {
         EXPECT_EQ(log.contains(LOG_ID_SYSTEM, std::string("cjson root is null for ") +
                                                   kGuardrailFile + ", perhaps file not found"),
                   unparsable);
-        EXPECT_EQ(log.contains(LOG_ID_SYSTEM, "Guardrailing a soft_memory_limit 100 "
-                                              "hard_memory_limit 18446744073709551615"),
+        EXPECT_EQ(log.contains(LOG_ID_SYSTEM,
+                               "Guardrailing a soft_memory_limit 100 "
+                               "hard_memory_limit 18446744073709551615"),
                   !c.rows.empty());
     }
 }
@@ -116,8 +122,8 @@ TEST(ProcessKiller, NoDriverFailsAndAnEmptyAnswerSucceeds) {
     DeviceRoot root;
     LogCapture log;
     EXPECT_FALSE(killProcess(1234));
-    EXPECT_TRUE(log.contains(LOG_ID_SYSTEM, std::string("Failed to open ") + kDravikKillPath +
-                                                " for write"));
+    EXPECT_TRUE(log.contains(LOG_ID_SYSTEM,
+                             std::string("Failed to open ") + kDravikKillPath + " for write"));
     // A driver file that swallows the request and answers nothing.
     root.writeFile(kDravikKillPath, "");
     root.removePath(kDravikKillPath);
@@ -203,8 +209,9 @@ TEST_F(GuardrailFixture, IdleEnforcementAndMetricsTick) {
     EXPECT_TRUE(monitor->check(1, false, false));  // busy: nothing enforced
     EXPECT_EQ(lines("Enforcing guardrail"), 0u);
     EXPECT_TRUE(monitor->check(2, false, true));
-    EXPECT_TRUE(log.contains(LOG_ID_SYSTEM, "process=hog pid=300 TotalPss: 80 kB, no longer over "
-                                            "MemorySoftLimit: 100 kB,"));
+    EXPECT_TRUE(log.contains(LOG_ID_SYSTEM,
+                             "process=hog pid=300 TotalPss: 80 kB, no longer over "
+                             "MemorySoftLimit: 100 kB,"));
     EXPECT_TRUE(root.exists("/proc/300"));
 
     setPss(root, 300, "hog", 150);
@@ -212,8 +219,9 @@ TEST_F(GuardrailFixture, IdleEnforcementAndMetricsTick) {
     setPss(root, 300, "hog", 170);
     EXPECT_TRUE(monitor->check(3, false, true));
     EXPECT_FALSE(root.exists("/proc/300"));
-    EXPECT_TRUE(log.contains(LOG_ID_SYSTEM, "process=hog pid=300 kill_count=1 "
-                                            "killabe_process_count=0"));
+    EXPECT_TRUE(log.contains(LOG_ID_SYSTEM,
+                             "process=hog pid=300 kill_count=1 "
+                             "killabe_process_count=0"));
     EXPECT_EQ(lines("Enforcing guardrail"), 2u);
 
     EXPECT_TRUE(monitor->check(4, false, true));  // nothing queued: no enforcement

@@ -73,8 +73,9 @@ TEST_F(LatencyFixture, BadSamplesFillTheRingOtherCodesAndWrongTokensRecordNothin
     EXPECT_EQ(sample(service, 300), OK);
     EXPECT_EQ(monitor->getCriticalCondition(), CRITICAL_UPL);
     EXPECT_EQ(log.countPrefix(LOG_ID_SYSTEM, "Critical UPL condition detected"), 1u);
-    EXPECT_TRUE(log.contains(LOG_ID_SYSTEM, "Total samples=5, bad samples=3, bad sample "
-                                            "threshold=3, bad upl threshold=100"));
+    EXPECT_TRUE(log.contains(LOG_ID_SYSTEM,
+                             "Total samples=5, bad samples=3, bad sample "
+                             "threshold=3, bad upl threshold=100"));
     EXPECT_EQ(sample(service, 4294967396LL), OK);  // the low 32 bits: 100, bad again
     EXPECT_TRUE(log.contains(LOG_ID_SYSTEM,
                              "Rcvd Metric - UserPerceivedLatency.Audio.DeviceProcessing: 100"));
@@ -127,6 +128,7 @@ TEST_F(LatencyFixture, ConcurrentClientsLoseNoSample) {
     for (auto& t : clients) t.join();
     EXPECT_EQ(failures.load(), 0);
     EXPECT_EQ(sample(first, 20), OK);
-    EXPECT_TRUE(log.contains(LOG_ID_SYSTEM, "Total samples=601, bad samples=300, bad sample "
-                                            "threshold=3, bad upl threshold=100"));
+    EXPECT_TRUE(log.contains(LOG_ID_SYSTEM,
+                             "Total samples=601, bad samples=300, bad sample "
+                             "threshold=3, bad upl threshold=100"));
 }

@@ -31,7 +31,7 @@ inline constexpr size_t kMaxWriteBytes = 64;
 
 // A smaps_rollup is about 1 kB; reading stops here so a hostile file can't
 // make the driver allocate without bound.
-inline constexpr size_t kMaxRollupBytes = 64 * 1024;
+inline constexpr size_t kMaxRollupBytes = size_t{64} << 10;
 
 // Parses what a client wrote: optional white space, an optional sign, decimal
 // digits, optional white space. Anything else (empty, junk, an embedded NUL,

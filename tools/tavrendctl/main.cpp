@@ -74,28 +74,17 @@ bool parseInt(const char* text, T* out) {
 
 const char* statusName(status_t s) {
     switch (s) {
-        case android::OK:
-            return "OK";
-        case android::PERMISSION_DENIED:
-            return "PERMISSION_DENIED";
-        case android::NAME_NOT_FOUND:
-            return "NAME_NOT_FOUND";
-        case android::BAD_VALUE:
-            return "BAD_VALUE";
-        case android::DEAD_OBJECT:
-            return "DEAD_OBJECT";
-        case android::NOT_ENOUGH_DATA:
-            return "NOT_ENOUGH_DATA";
-        case android::UNKNOWN_TRANSACTION:
-            return "UNKNOWN_TRANSACTION";
-        case android::BAD_TYPE:
-            return "BAD_TYPE";
-        case android::FAILED_TRANSACTION:
-            return "FAILED_TRANSACTION";
-        case android::UNEXPECTED_NULL:
-            return "UNEXPECTED_NULL";
-        default:
-            return "";
+        case android::OK: return "OK";
+        case android::PERMISSION_DENIED: return "PERMISSION_DENIED";
+        case android::NAME_NOT_FOUND: return "NAME_NOT_FOUND";
+        case android::BAD_VALUE: return "BAD_VALUE";
+        case android::DEAD_OBJECT: return "DEAD_OBJECT";
+        case android::NOT_ENOUGH_DATA: return "NOT_ENOUGH_DATA";
+        case android::UNKNOWN_TRANSACTION: return "UNKNOWN_TRANSACTION";
+        case android::BAD_TYPE: return "BAD_TYPE";
+        case android::FAILED_TRANSACTION: return "FAILED_TRANSACTION";
+        case android::UNEXPECTED_NULL: return "UNEXPECTED_NULL";
+        default: return "";
     }
 }
 
