@@ -20,8 +20,8 @@ bool startMonitoring(int& fd, SamplerList& samplers, CriticalConditionType& resu
         fd_set readSet;
         FD_ZERO(&readSet);
         FD_SET(fd, &readSet);
-        struct timeval timeout = {1, 0};
-        int ready = select(fd + 1, &readSet, nullptr, nullptr, &timeout);
+        // One second through the time seam: select(2) with a 1 s timeout on a device.
+        int ready = platform::waitReadable(fd + 1, &readSet, 1);
         if (ready == 0) {
             CriticalConditionType found = NO_CRITICAL_CONDITION;
             for (auto& sampler : samplers) {

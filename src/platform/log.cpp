@@ -16,6 +16,7 @@
 #include <string>
 
 #include "platform/log_hook.h"
+#include "platform/time_seam.h"
 
 namespace {
 
@@ -94,7 +95,7 @@ int vlog(int bufId, int prio, const char* tag, const char* fmt, va_list ap) {
     if (!toStderr && fileFd < 0) return static_cast<int>(msgLen);
 
     struct timespec ts;
-    clock_gettime(CLOCK_REALTIME, &ts);
+    tavrend::platform::scaledRealtime(&ts);
     struct tm tmv;
     localtime_r(&ts.tv_sec, &tmv);
     char stamp[32];

@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/DeviceRoot.h"
@@ -34,7 +35,8 @@ inline std::vector<std::string> messagesOf(const std::vector<LogLine>& lines) {
 }
 
 // Index of the first message equal to `msg` at or after `from`, or -1.
-inline long findMessage(const std::vector<LogLine>& lines, const std::string& msg, size_t from = 0) {
+inline long findMessage(const std::vector<LogLine>& lines, const std::string& msg,
+                        size_t from = 0) {
     for (size_t i = from; i < lines.size(); ++i) {
         if (lines[i].message == msg) return static_cast<long>(i);
     }
@@ -43,9 +45,11 @@ inline long findMessage(const std::vector<LogLine>& lines, const std::string& ms
 
 class DaemonRun {
 public:
-    explicit DaemonRun(const DeviceRoot& root) : root_(root) {
-        logDir_ = root.path() + "/../" + std::filesystem::path(root.path()).filename().string() +
-                  "-logs";
+    // `env` adds to the daemon's environment (the root and log directory are set).
+    explicit DaemonRun(const DeviceRoot& root, std::map<std::string, std::string> env = {})
+        : root_(root), env_(std::move(env)) {
+        logDir_ =
+            root.path() + "/../" + std::filesystem::path(root.path()).filename().string() + "-logs";
         std::filesystem::create_directories(logDir_);
     }
     ~DaemonRun() {
@@ -53,11 +57,11 @@ public:
         std::filesystem::remove_all(logDir_, ec);
     }
     void start() {
-        proc_ = std::make_unique<Subprocess>(
-            binPath("tavrend"), std::vector<std::string>{},
-            std::map<std::string, std::string>{{"TAVREND_ROOT", root_.path()},
-                                               {"TAVREND_LOG_DIR", logDir_}},
-            logDir_ + "/stderr.txt");
+        auto env = env_;
+        env["TAVREND_ROOT"] = root_.path();
+        env["TAVREND_LOG_DIR"] = logDir_;
+        proc_ = std::make_unique<Subprocess>(binPath("tavrend"), std::vector<std::string>{}, env,
+                                             logDir_ + "/stderr.txt");
     }
     Subprocess& process() { return *proc_; }
     std::vector<LogLine> log(const char* buffer = "system") const {
@@ -70,6 +74,7 @@ public:
 
 private:
     const DeviceRoot& root_;
+    std::map<std::string, std::string> env_;
     std::string logDir_;
     std::unique_ptr<Subprocess> proc_;
 };

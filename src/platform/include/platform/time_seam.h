@@ -1,9 +1,17 @@
-// The one seam through which the daemon sleeps and asks for the time.
+// The one seam through which the daemon sleeps, waits and asks for the time.
 //
 // Production code calls the free functions below; tests install a fake
 // TimeSource to drive uptime and sleeps without waiting real seconds.
+//
+// On a host the machine's clock may run fast: TAVREND_TIME_SCALE=N (read once,
+// a positive number, default 1) makes N seconds of the daemon's time pass per
+// real second, consistently for uptime, the wall clock, sleeps, the loop's
+// wait and the log's timestamps. Uptime and wall clock start from the
+// machine's values when the clock is first used. On a device the seam passes
+// everything straight through.
 #pragma once
 
+#include <sys/select.h>
 #include <sys/sysinfo.h>
 #include <time.h>
 
@@ -16,6 +24,9 @@ public:
     virtual int sysinfo(struct ::sysinfo* info) = 0;
     virtual void sleepSeconds(unsigned seconds) = 0;
     virtual time_t now() = 0;
+    // As select(2) on read descriptors with a timeout of `seconds`. The
+    // default waits on the machine's clock, scaled.
+    virtual int waitReadable(int nfds, fd_set* readfds, unsigned seconds);
 };
 
 // The machine's clock: sysinfo(2), nanosleep(2), time(2).
@@ -27,5 +38,11 @@ void setTimeSource(TimeSource* source);
 int systemInfo(struct ::sysinfo* info);
 void sleepSeconds(unsigned seconds);
 time_t wallClockNow();
+int waitReadable(int nfds, fd_set* readfds, unsigned seconds);
+
+// The host clock's scale (1 unless TAVREND_TIME_SCALE says otherwise), and
+// CLOCK_REALTIME on that clock, for the log's timestamps.
+double timeScale();
+void scaledRealtime(struct timespec* ts);
 
 }  // namespace tavrend::platform
