@@ -3,12 +3,13 @@
 
 #include <cjson/cJSON.h>
 
+#include "common/DevicePaths.h"
 #include "config/ConfigVariables.h"
 
 namespace tavrend {
 
-inline constexpr const char* kDefaultConfigPath = "/system/etc/tavrend/tavrend_config.json";
-inline constexpr const char* kOverrideConfigPath = "/data/system/tavrend/tavrend_config.json";
+inline constexpr const char* kDefaultConfigPath = paths::kConfig;
+inline constexpr const char* kOverrideConfigPath = paths::kConfigOverride;
 inline constexpr const char* kConfigOverrideProperty = "tavrend.config.override";
 
 // Fills `config` from a parsed root. 0 when at least one of the five sections

@@ -9,10 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "common/DevicePaths.h"
+
 namespace tavrend {
 
-inline constexpr const char* kMemoryGuardrailConfigPath =
-    "/system/etc/tavrend/tavrend_memory_guardrail.json";
+inline constexpr const char* kMemoryGuardrailConfigPath = paths::kMemoryGuardrailConfig;
 
 // One guarded process. Limits are kB; a limit of -1 in the file is widened
 // with its sign and so stands for "no limit" (2^64-1).

@@ -9,12 +9,12 @@
 #include <unordered_map>
 #include <vector>
 
+#include "common/DevicePaths.h"
+
 namespace tavrend {
 
-inline constexpr const char* kDefaultMetricConfigPath =
-    "/system/etc/tavrend/tavrend_metric_config.json";
-inline constexpr const char* kOverrideMetricConfigPath =
-    "/data/system/tavrend/tavrend_metric_config.json";
+inline constexpr const char* kDefaultMetricConfigPath = paths::kMetricConfig;
+inline constexpr const char* kOverrideMetricConfigPath = paths::kMetricConfigOverride;
 // When true, the data-partition copy is read whatever path the caller passes.
 inline constexpr const char* kMetricOverrideProperty = "tavrend.metric.override";
 

@@ -3,9 +3,11 @@
 // its concern, not ours.
 #pragma once
 
+#include "common/DevicePaths.h"
+
 namespace tavrend {
 
-inline constexpr const char* kDravikKillPath = "/sys/kernel/dravik/target_pid_kill";
+inline constexpr const char* kDravikKillPath = paths::kDravikKill;
 
 // Writes `pid` into the kill file, closes it (the close hands the request to
 // the driver) and reads back the driver's status. True when the status is 0.

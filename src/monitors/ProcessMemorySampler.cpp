@@ -1,14 +1,12 @@
 #include "monitors/ProcessMemorySampler.h"
 
 #include <android/hardware/memtrack/1.0/IMemtrack.h>
-#include <dirent.h>
 
-#include <climits>
-#include <cstdlib>
 #include <cstring>
+#include <vector>
 
+#include "common/DevicePaths.h"
 #include "common/Log.h"
-#include "platform/device_root.h"
 #include "platform/time_seam.h"
 #include "stats/StatUtil.h"
 
@@ -16,21 +14,6 @@ namespace tavrend {
 namespace {
 
 using android::hardware::memtrack::V1_0::IMemtrack;
-
-constexpr const char* kProcDir = "/proc";
-
-// An entry of /proc scanned as "%d": a leading number is enough, so "self" and
-// "meminfo" are skipped. Out-of-range numbers are clamped, never wrapped into
-// another process's id.
-bool scanPid(const char* entryName, int& pid) {
-    char* end = nullptr;
-    long id = strtol(entryName, &end, 10);
-    if (end == entryName) return false;
-    if (id > INT_MAX) id = INT_MAX;
-    if (id < INT_MIN) id = INT_MIN;
-    pid = static_cast<int>(id);
-    return true;
-}
 
 std::shared_ptr<CircularArrayList> newHistory(const ConfigVariables& config, uint64_t first) {
     // The ring takes a "num_historical_vals" below 1 as 1.
@@ -69,14 +52,12 @@ bool ProcessMemorySampler::fetch() {
 }
 
 void ProcessMemorySampler::getPIDPairs(std::map<std::string, int>& pairs) {
-    DIR* dir = platform::openDeviceDir(kProcDir);
-    if (dir == nullptr) {
-        TLOGW("Could not open %s", kProcDir);
+    std::vector<int> pids;
+    if (!quillend::StatUtil::getProcessList(pids)) {
+        TLOGW("Could not open %s", paths::kProcDir);
         return;
     }
-    while (const struct dirent* entry = readdir(dir)) {
-        int pid = 0;
-        if (!scanPid(entry->d_name, pid)) continue;
+    for (int pid : pids) {
         char name[32];
         memset(name, 0, sizeof(name));
         if (!quillend::StatUtil::getProcessName(pid, name)) continue;
@@ -92,7 +73,6 @@ void ProcessMemorySampler::getPIDPairs(std::map<std::string, int>& pairs) {
             it->second = pid;
         }
     }
-    closedir(dir);
 }
 
 void ProcessMemorySampler::sampleProcessValues(std::map<std::string, int>& pairs,

@@ -11,61 +11,16 @@
 #include <vector>
 
 #include "common/Log.h"
-#include "platform/device_root.h"
-#include "stats/TextScan.h"
 
 namespace tavrend {
 namespace {
 
-using quillend::text::File;
-using quillend::text::isSpace;
-using quillend::text::LineBuffer;
-using quillend::text::scanU64;
-
-constexpr const char* kLmkStatsPath = "/proc/lmk_stats";
-constexpr const char* kMinfreePath = "/sys/module/lowmemorykiller/parameters/minfree";
 constexpr const char* kMeminfoError =
     "Could not parse System Memory Information from /proc/meminfo";
 constexpr unsigned kValuesPerReportLine = 60;
 
-// The labels of /proc/lmk_stats, colon included, in counting order:
-//   Persistent: 1
-//   Fg: 2
-//   ...
-constexpr const char* kLmkLabels[SystemMemorySampler::kLmkClassCount] = {
-    "Persistent:", "Fg:", "Visible:", "Perceptible:", "Backup:", "Other:"};
-
 // The low 32 bits of `v` as a signed 32-bit number (two's complement).
 inline int32_t low32(uint64_t v) { return static_cast<int32_t>(static_cast<uint32_t>(v)); }
-
-// One line of /proc/lmk_stats scanned as "%63s %llu": the class label and its
-// kill count, which stays 0 when the line has no number after the label.
-bool scanLmkLine(const char* line, char (&word)[64], uint64_t& count) {
-    while (isSpace(*line)) ++line;
-    size_t len = 0;
-    while (line[len] != '\0' && !isSpace(line[len]) && len < sizeof(word) - 1) ++len;
-    if (len == 0) return false;
-    memcpy(word, line, len);
-    word[len] = '\0';
-    const char* p = line + len;
-    count = 0;
-    if (!scanU64(p, count)) count = 0;
-    return true;
-}
-
-// The minfree line "1536,2048,4096,6144,7680,9216" (pages) as
-// "%llu,%llu,%llu,%llu,%llu,%llu": true only when all six convert.
-bool scanMinfree(const char* line, uint64_t (&pages)[6]) {
-    const char* p = line;
-    for (size_t i = 0; i < 6; ++i) {
-        if (i > 0) {
-            if (*p != ',') return false;
-            ++p;
-        }
-        if (!scanU64(p, pages[i])) return false;
-    }
-    return true;
-}
 
 void logRing(const char* format, CircularArrayList& ring) {
     std::vector<std::string> lines;
@@ -165,24 +120,8 @@ bool SystemMemorySampler::isMemoryCritical() {
 
 bool SystemMemorySampler::lmkKillsUnderThreshold() {
     uint64_t counts[kLmkClassCount] = {};
-
-    char path[64];
-    snprintf(path, sizeof(path), "%s", kLmkStatsPath);
     // An unreadable file leaves every count at 0, silently.
-    if (File f{platform::openDeviceFile(path, "r")}) {
-        LineBuffer line;
-        while (line.read(f.get()) != -1) {
-            char word[64];
-            uint64_t count = 0;
-            if (!scanLmkLine(line.data, word, count)) continue;
-            for (size_t i = 0; i < kLmkClassCount; ++i) {
-                if (strcmp(word, kLmkLabels[i]) == 0) {
-                    counts[i] += count;  // a label on several lines accumulates
-                    break;
-                }
-            }
-        }
-    }
+    quillend::StatUtil::getLmkStats(counts);
 
     // "Perceptible" counts Persistent through Perceptible; a name matching no
     // class counts all six.
@@ -193,7 +132,7 @@ bool SystemMemorySampler::lmkKillsUnderThreshold() {
         lmkStats[i] = counts[i];
         if (thresholdPassed) continue;
         sum += static_cast<uint32_t>(counts[i]);
-        if (thresholdLabel == kLmkLabels[i]) thresholdPassed = true;
+        if (thresholdLabel == quillend::kLmkLabels[i]) thresholdPassed = true;
     }
     lmkCurrentKills = static_cast<int32_t>(sum);
     return lmkCurrentKills < config.lmk_target_kills;
@@ -207,13 +146,9 @@ uint64_t SystemMemorySampler::getSelectedBucketThreshold() {
         // No minfree entry to select: the configured default stands.
         TLOGW("critical_memory_bucket %d selects no minfree entry, using the default threshold",
               bucket);
-    } else if (File f{platform::openDeviceFile(kMinfreePath, "r")}) {
-        LineBuffer line;
-        uint64_t pages[6];
-        if (line.read(f.get()) >= 1 && scanMinfree(line.data, pages)) {
-            const uint64_t pageKb = static_cast<uint64_t>(getpagesize()) / 1024;
-            thresholdKb = pages[bucket] * pageKb;
-        }
+    } else if (uint64_t pages[6]; quillend::StatUtil::getMinfree(pages)) {
+        const uint64_t pageKb = static_cast<uint64_t>(getpagesize()) / 1024;
+        thresholdKb = pages[bucket] * pageKb;
     }
     TLOGI("Memory threshold is set at %llu", static_cast<unsigned long long>(thresholdKb));
     return thresholdKb;

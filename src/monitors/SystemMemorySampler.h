@@ -26,7 +26,7 @@ namespace tavrend {
 class SystemMemorySampler : public MetricSamplerInterface {
 public:
     // The kill classes of /proc/lmk_stats, in the order they are counted.
-    static constexpr size_t kLmkClassCount = 6;
+    static constexpr size_t kLmkClassCount = quillend::kLmkClassCount;
 
     // `config` must outlive the sampler. The four rings hold
     // critical_memory_measurement_time / memory_read_interval_sec samples each.

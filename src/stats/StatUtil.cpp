@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 
+#include "common/DevicePaths.h"
 #include "platform/device_root.h"
 #include "platform/time_seam.h"
 #include "stats/TextScan.h"
@@ -28,13 +29,14 @@ using text::File;
 using text::isSpace;
 using text::LineBuffer;
 using text::parseU64;
+using text::scanU64;
 using text::skipSpace;
 
 constexpr const char* kLogTag = "quillend:StatUtil";
-constexpr const char* kMeminfoPath = "/proc/meminfo";
-constexpr const char* kZoneinfoPath = "/proc/zoneinfo";
-constexpr const char* kProcDir = "/proc";
-constexpr const char* kDravikPssPath = "/sys/kernel/dravik/total_pss_kb";
+using tavrend::paths::kProcDir;
+constexpr const char* kMeminfoPath = tavrend::paths::kMeminfo;
+constexpr const char* kZoneinfoPath = tavrend::paths::kZoneinfo;
+constexpr const char* kDravikPssPath = tavrend::paths::kDravikPss;
 constexpr int kDriverWriteAttempts = 4;
 constexpr unsigned kDriverRetrySleepSec = 1;
 
@@ -94,6 +96,35 @@ bool scanMeminfoLine(const char* line, char (&key)[64], uint64_t& value) {
     memcpy(key, line, len);
     key[len] = '\0';
     return parseU64(line + len, value);
+}
+
+// One line of /proc/lmk_stats scanned as "%63s %llu": the class label and its
+// kill count, which stays 0 when the line has no number after the label.
+bool scanLmkLine(const char* line, char (&word)[64], uint64_t& count) {
+    while (isSpace(*line)) ++line;
+    size_t len = 0;
+    while (line[len] != '\0' && !isSpace(line[len]) && len < sizeof(word) - 1) ++len;
+    if (len == 0) return false;
+    memcpy(word, line, len);
+    word[len] = '\0';
+    const char* p = line + len;
+    count = 0;
+    if (!scanU64(p, count)) count = 0;
+    return true;
+}
+
+// The minfree line "1536,2048,4096,6144,7680,9216" (pages) as
+// "%llu,%llu,%llu,%llu,%llu,%llu": true only when all six convert.
+bool scanMinfree(const char* line, uint64_t (&pages)[6]) {
+    const char* p = line;
+    for (size_t i = 0; i < 6; ++i) {
+        if (i > 0) {
+            if (*p != ',') return false;
+            ++p;
+        }
+        if (!scanU64(p, pages[i])) return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -189,13 +220,38 @@ bool StatUtil::pidOf(const std::string& name, int& pid) {
     return false;
 }
 
+bool StatUtil::getLmkStats(uint64_t (&counts)[kLmkClassCount]) {
+    File f(openDeviceFile(tavrend::paths::kLmkStats, "r"));
+    if (!f) return false;
+    LineBuffer line;
+    while (line.read(f.get()) != -1) {
+        char word[64];
+        uint64_t count = 0;
+        if (!scanLmkLine(line.data, word, count)) continue;
+        for (size_t i = 0; i < kLmkClassCount; ++i) {
+            if (strcmp(word, kLmkLabels[i]) == 0) {
+                counts[i] += count;  // a label on several lines accumulates
+                break;
+            }
+        }
+    }
+    return true;
+}
+
+bool StatUtil::getMinfree(uint64_t (&pages)[6]) {
+    File f(openDeviceFile(tavrend::paths::kMinfree, "r"));
+    if (!f) return false;
+    LineBuffer line;
+    return line.read(f.get()) >= 1 && scanMinfree(line.data, pages);
+}
+
 // ---------------------------------------------------------------------------
 // Per-process readers
 
 bool StatUtil::getProcessName(int pid, char (&name)[32]) {
     memset(name, 0, sizeof(name));
     char path[48];
-    snprintf(path, sizeof(path), "/proc/%d/comm", pid);
+    snprintf(path, sizeof(path), tavrend::paths::kProcCommFormat, pid);
     int scanned = 0;
     {
         File f(openDeviceFile(path, "r"));
@@ -229,7 +285,7 @@ bool StatUtil::getProcessName(int pid, char (&name)[32]) {
 
 bool StatUtil::getProcessCmdline(int pid, std::string& cmdline) {
     char path[48];
-    snprintf(path, sizeof(path), "/proc/%d/cmdline", pid);
+    snprintf(path, sizeof(path), tavrend::paths::kProcCmdlineFormat, pid);
     File f(openDeviceFile(path, "r"));
     if (!f) return false;
     LineBuffer line;
@@ -241,7 +297,7 @@ bool StatUtil::getProcessCmdline(int pid, std::string& cmdline) {
 
 bool StatUtil::getProcessRss(int pid, ProcessRssInfoKb& info) {
     char path[48];
-    snprintf(path, sizeof(path), "/proc/%d/status", pid);
+    snprintf(path, sizeof(path), tavrend::paths::kProcStatusFormat, pid);
     info = ProcessRssInfoKb{};
     File f(openDeviceFile(path, "r"));
     if (!f) {

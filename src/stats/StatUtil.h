@@ -45,6 +45,14 @@ struct ProcessRssInfoKb {
     uint64_t total = 0;    // vm_rss + vm_swap
 };
 
+// The classes of /proc/lmk_stats, label and colon, in counting order:
+//   Persistent: 1
+//   Fg: 2
+//   ...
+inline constexpr size_t kLmkClassCount = 6;
+inline constexpr const char* kLmkLabels[kLmkClassCount] = {
+    "Persistent:", "Fg:", "Visible:", "Perceptible:", "Backup:", "Other:"};
+
 class StatUtil {
 public:
     // --- System-wide ---
@@ -56,6 +64,13 @@ public:
     static bool getTotalWaterMarkZoneinfo(uint64_t& lowKb, uint64_t& highKb);
     // Appends the id of every numeric entry of /proc, in directory order.
     static bool getProcessList(std::vector<int>& pids);
+    // ADDS each class's kill count of /proc/lmk_stats to `counts`, in the order
+    // of kLmkLabels; a line is "%63s %llu" and a label on several lines
+    // accumulates. False (counts untouched) when the file can't be opened.
+    static bool getLmkStats(uint64_t (&counts)[kLmkClassCount]);
+    // The six page counts of the minfree parameter, "1536,2048,4096,6144,7680,9216".
+    // True only when all six convert.
+    static bool getMinfree(uint64_t (&pages)[6]);
     // The first process in /proc order whose getProcessName() equals `name`.
     static bool pidOf(const std::string& name, int& pid);
 
