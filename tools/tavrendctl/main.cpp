@@ -19,15 +19,18 @@
 #include <limits>
 #include <string>
 
+#include "Commands.h"
+#include "monitors/TavrendIPC.h"
+
 using android::Parcel;
 using android::status_t;
 using android::String16;
 
 namespace {
 
-constexpr const char* kIpcService = "tavrend.ipc.service";
-constexpr const char* kIpcDescriptor = "com.corvail.android.service.TavrenIPC";
-constexpr uint32_t kRecordLatencyCode = 2;
+constexpr const char* kIpcService = android::kTavrendIpcServiceName;
+constexpr const char* kIpcDescriptor = android::kTavrendIpcDescriptor;
+constexpr uint32_t kRecordLatencyCode = android::kRecordDuplTransaction;
 
 int usage() {
     fprintf(stderr,
@@ -35,6 +38,7 @@ int usage() {
             "       tavrendctl setprop NAME VALUE\n"
             "       tavrendctl upl MS\n"
             "       tavrendctl call SERVICE CODE [token TEXT] [i32 N] [i64 N] [s16 TEXT] [oneway]\n"
+            "       tavrendctl check-config [ROOT]   (see tavrendctl check-config --help)\n"
             "\n"
             "upl sends one latency sample of MS milliseconds to %s (transaction %u,\n"
             "interface token, int64 MS) and prints 'status: S' and 'reply: R', the reply's int32.\n"
@@ -232,5 +236,6 @@ int main(int argc, char** argv) {
     }
     if (strcmp(cmd, "upl") == 0 && argc == 3) return upl(argv[2]);
     if (strcmp(cmd, "call") == 0 && argc >= 4) return call(argc - 2, argv + 2);
+    if (strcmp(cmd, "check-config") == 0) return checkConfigCommand(argc - 1, argv + 1);
     return usage();
 }

@@ -1,0 +1,66 @@
+// tavrendctl check-config on the shipped device root, on a root full of planted
+// mistakes (its daemon configuration is the override copy) and on an empty root.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <set>
+#include <string>
+
+#include "E2E.h"
+
+using namespace tavrend::test;
+
+namespace {
+
+struct Outcome {
+    int exitCode = -1;
+    std::multiset<std::string> warnedKeys;  // KEY of each "warning: KEY: ..." line
+};
+
+Outcome checkConfig(const std::string& root) {
+    const std::string command = binPath("tavrendctl") + " check-config '" + root + "' 2>/dev/null";
+    Outcome out;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) return out;
+    char line[1024];
+    while (fgets(line, sizeof(line), pipe) != nullptr) {
+        const std::string text = line;
+        if (text.rfind("warning: ", 0) == 0)
+            out.warnedKeys.insert(text.substr(9, text.find(": ", 9) - 9));
+    }
+    const int status = pclose(pipe);
+    if (WIFEXITED(status)) out.exitCode = WEXITSTATUS(status);
+    return out;
+}
+
+}  // namespace
+
+TEST(CheckConfig, ExitStatusAndOneWarningPerMistake) {
+    const DeviceRoot empty;
+    const std::string source = TAVREND_SOURCE_DIR;
+    const struct {
+        std::string root;
+        int exitCode;
+        std::multiset<std::string> warnedKeys;
+    } cases[] = {
+        {source + "/device/root", 0, {}},
+        {source + "/tests/e2e/testdata/bad_root",
+         1,
+         {"kernel", "system_mem.zram_limit_kb", "system_mem.critical_memory_bucket",
+          "system_mem.lmk_counter_threshold", "system_mem.lmk_target_kills",
+          "proc_scan.num_pss_processes", "device_upl.dupl_monitoring_enabled",
+          "device_upl.critical_upl_bad_sample_count_threshold",
+          "process_guardrail.guardrail_check_interval_sec",
+          "MetricConfig.IdleDetector.Orrery_Metric_Interface.Metrics",
+          "MetricConfig.MemoryGuardrail.Orrery_Metric_Interface.Active", "processes[1]",
+          "processes[2]"}},
+        {empty.path(), 2, {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.root);
+        const Outcome got = checkConfig(c.root);
+        EXPECT_EQ(got.exitCode, c.exitCode);
+        EXPECT_EQ(got.warnedKeys, c.warnedKeys);
+    }
+}

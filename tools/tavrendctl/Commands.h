@@ -1,0 +1,8 @@
+// The tavrendctl subcommands that live in files of their own. Each takes the
+// arguments after "tavrendctl" (argv[0] is the subcommand's name) and returns
+// the process's exit status.
+#pragma once
+
+// tavrendctl check-config [ROOT]
+int checkConfigCommand(int argc, char** argv);
+
