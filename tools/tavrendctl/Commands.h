@@ -6,3 +6,6 @@
 // tavrendctl check-config [ROOT]
 int checkConfigCommand(int argc, char** argv);
 
+// tavrendctl report LOGFILE [--trace OUT.json] [--svg DIR]
+int reportCommand(int argc, char** argv);
+

@@ -39,6 +39,7 @@ int usage() {
             "       tavrendctl upl MS\n"
             "       tavrendctl call SERVICE CODE [token TEXT] [i32 N] [i64 N] [s16 TEXT] [oneway]\n"
             "       tavrendctl check-config [ROOT]   (see tavrendctl check-config --help)\n"
+            "       tavrendctl report LOGFILE [--trace OUT.json] [--svg DIR]\n"
             "\n"
             "upl sends one latency sample of MS milliseconds to %s (transaction %u,\n"
             "interface token, int64 MS) and prints 'status: S' and 'reply: R', the reply's int32.\n"
@@ -237,5 +238,6 @@ int main(int argc, char** argv) {
     if (strcmp(cmd, "upl") == 0 && argc == 3) return upl(argv[2]);
     if (strcmp(cmd, "call") == 0 && argc >= 4) return call(argc - 2, argv + 2);
     if (strcmp(cmd, "check-config") == 0) return checkConfigCommand(argc - 1, argv + 1);
+    if (strcmp(cmd, "report") == 0) return reportCommand(argc - 1, argv + 1);
     return usage();
 }

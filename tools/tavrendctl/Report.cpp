@@ -1,0 +1,136 @@
+// tavrendctl report LOGFILE [--trace OUT.json] [--svg DIR]: the crash reports
+// of a system log, summed up, and their histories exported.
+#include "Report.h"
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstring>
+#include <memory>
+
+#include "Commands.h"
+
+namespace {
+
+using namespace tavrendctl::report;
+
+constexpr size_t kTopProcesses = 5;
+
+constexpr const char* kUsage = "usage: tavrendctl report LOGFILE [--trace OUT.json] [--svg DIR]\n";
+
+constexpr const char* kHelp =
+    "\n"
+    "Reads the crash reports tavrend wrote to a system log in `logcat -v threadtime`\n"
+    "layout (system.log) and prints for each: the condition that raised it, its\n"
+    "time, the last value of each history and the 5 processes whose RSS grew most\n"
+    "from their baseline.\n"
+    "\n"
+    "  --trace OUT.json  write the histories as counter tracks of a Chrome trace-event\n"
+    "                    JSON file (Perfetto's UI, chrome://tracing), one trace\n"
+    "                    process per report. The log holds no sample period: the\n"
+    "                    samples are drawn one second apart, the last at the report's\n"
+    "                    time, its Date & Time read as UTC (else its log stamp, in 1970).\n"
+    "  --svg DIR         draw each system history and the top processes' RSS as SVG\n"
+    "                    line charts in DIR, made when missing: reportN-other-free.svg,\n"
+    "                    ..., reportN-rss-PID-NAME.svg.\n"
+    "\n"
+    "History lines that cannot be read are skipped with a note on standard error.\n"
+    "Exit status: 0 reports found, 1 no crash report in the log, 2 usage error,\n"
+    "unreadable log or unwritable output.\n";
+
+int usageError(const char* what, const char* arg) {
+    fprintf(stderr, "tavrendctl: report: %s%s\n%s", what, arg, kUsage);
+    return 2;
+}
+
+void printSummary(const CrashReport& r, size_t index, size_t count, const std::string& log) {
+    printf("Crash report %zu of %zu (%s line %ld)\n", index + 1, count, log.c_str(), r.line);
+    printf("  condition: %s\n",
+           r.condition.empty() ? "(no condition line before the report)" : r.condition.c_str());
+    printf("  time:      %s (log stamp %s)\n", r.date.empty() ? "(no Date & Time)" : r.date.c_str(),
+           r.stamp.c_str());
+    printf("  last values:\n");
+    for (const History& h : r.system) {
+        if (!h.present) {
+            printf("    %-16s (missing or unreadable)\n", h.name.c_str());
+        } else if (h.values.empty()) {
+            printf("    %-16s (no samples)\n", h.name.c_str());
+        } else {
+            printf("    %-16s %" PRIu64 " %s (%zu samples)\n", h.name.c_str(), h.values.back(),
+                   h.unit.c_str(), h.values.size());
+        }
+    }
+    const auto top = topGrowth(r, kTopProcesses);
+    if (top.empty()) {
+        printf("  no process RSS history in the report\n");
+        return;
+    }
+    printf("  RSS growth from baseline, top %zu of %zu processes:\n", top.size(),
+           r.processes.size());
+    for (const Process* p : top) {
+        printf("    %+9" PRId64 " kB  %s [%d]: %" PRIu64 " -> %" PRIu64 " kB\n", rssGrowth(*p),
+               p->name.c_str(), p->pid, p->rssBaseline, p->rss.values.back());
+    }
+}
+
+}  // namespace
+
+int reportCommand(int argc, char** argv) {
+    std::string log;
+    std::string trace;
+    std::string svg;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--help" || arg == "-h") {
+            fputs(kUsage, stdout);
+            fputs(kHelp, stdout);
+            return 0;
+        }
+        if (arg == "--trace" || arg == "--svg") {
+            if (i + 1 >= argc || argv[i + 1][0] == '\0')
+                return usageError(argv[i], " needs a value");
+            (arg == "--trace" ? trace : svg) = argv[++i];
+        } else if (arg.size() > 1 && arg[0] == '-') {
+            return usageError("unknown option ", argv[i]);
+        } else if (!log.empty() || arg.empty()) {
+            return usageError("one log file, please: ", argv[i]);
+        } else {
+            log = arg;
+        }
+    }
+    if (log.empty()) return usageError("no log file given", "");
+
+    std::vector<CrashReport> reports;
+    {
+        const std::unique_ptr<FILE, int (*)(FILE*)> in(fopen(log.c_str(), "r"), fclose);
+        if (in == nullptr || !readReports(in.get(), log, stderr, reports)) {
+            fprintf(stderr, "tavrendctl: report: cannot read %s: %s\n", log.c_str(),
+                    strerror(errno));
+            return 2;
+        }
+    }
+    if (reports.empty()) {
+        fprintf(stderr, "tavrendctl: report: no crash report in %s\n", log.c_str());
+        return 1;
+    }
+    for (size_t i = 0; i < reports.size(); ++i) {
+        if (i > 0) printf("\n");
+        printSummary(reports[i], i, reports.size(), log);
+    }
+    std::string error;
+    if (!trace.empty()) {
+        if (!writeTrace(reports, trace, error)) {
+            fprintf(stderr, "tavrendctl: report: %s\n", error.c_str());
+            return 2;
+        }
+        printf("\ntrace: %s\n", trace.c_str());
+    }
+    int charts = 0;
+    if (!svg.empty()) {
+        if (!writeCharts(reports, svg, charts, error)) {
+            fprintf(stderr, "tavrendctl: report: %s\n", error.c_str());
+            return 2;
+        }
+        printf("%ssvg: %d charts in %s\n", trace.empty() ? "\n" : "", charts, svg.c_str());
+    }
+    return 0;
+}

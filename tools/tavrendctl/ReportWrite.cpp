@@ -1,0 +1,205 @@
+// The crash reports' histories as a trace-event JSON file and as SVG charts.
+// Names come cleaned from the reader: valid UTF-8, no control characters.
+#include <algorithm>
+#include <cerrno>
+#include <cinttypes>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+
+#include "Report.h"
+
+namespace tavrendctl::report {
+namespace {
+
+constexpr int64_t kSampleUs = 1000000;  // one sample a second: the log holds no period
+constexpr size_t kChartedProcesses = 5;
+
+std::string escape(const std::string& s, bool xml) {
+    std::string out;
+    for (char c : s) {
+        if (!xml && (c == '"' || c == '\\')) {
+            out += '\\';
+            out += c;
+        } else if (xml && c == '&') {
+            out += "&amp;";
+        } else if (xml && c == '<') {
+            out += "&lt;";
+        } else if (xml && c == '>') {
+            out += "&gt;";
+        } else if (xml && c == '"') {
+            out += "&quot;";
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
+struct FileCloser {
+    void operator()(FILE* f) const { fclose(f); }
+};
+using File = std::unique_ptr<FILE, FileCloser>;
+
+// Writes `text` to `path`, replacing it.
+bool writeFile(const std::string& path, const std::string& text, std::string& error) {
+    File f(fopen(path.c_str(), "w"));
+    bool ok = f != nullptr && fwrite(text.data(), 1, text.size(), f.get()) == text.size();
+    if (f != nullptr) ok = fclose(f.release()) == 0 && ok;
+    if (!ok) error = "cannot write " + path + ": " + strerror(errno);
+    return ok;
+}
+
+std::string reportTitle(const CrashReport& r, size_t index) {
+    return "crash report " + std::to_string(index + 1) + " at " +
+           (r.date.empty() ? r.stamp : r.date) + (r.condition.empty() ? "" : ": " + r.condition);
+}
+
+// One counter event per sample of the histories, which share one track named
+// `name`, one series each; the newest samples are at the report's time.
+void addCounters(std::string& out, size_t pid, const CrashReport& r, const std::string& name,
+                 const std::vector<const History*>& series) {
+    size_t n = 0;
+    for (const History* h : series) n = std::max(n, h->values.size());
+    char number[64];
+    for (size_t i = 0; i < n; ++i) {
+        const int64_t ts = r.endUs - static_cast<int64_t>(n - 1 - i) * kSampleUs;
+        snprintf(number, sizeof(number), "%zu,\"ts\":%" PRId64, pid, ts);
+        out += ",\n{\"ph\":\"C\",\"name\":\"" + escape(name, false) + "\",\"pid\":" + number +
+               ",\"args\":{";
+        bool first = true;
+        for (const History* h : series) {
+            const size_t missing = n - h->values.size();  // shorter ones end with the others
+            if (i < missing) continue;
+            snprintf(number, sizeof(number), "%" PRIu64, h->values[i - missing]);
+            // A track of one series calls it by its unit: "Other Free kB" in the viewers.
+            const std::string key = series.size() == 1 ? h->unit : h->name + " " + h->unit;
+            out += std::string(first ? "" : ",") + "\"" + escape(key, false) + "\":" + number;
+            first = false;
+        }
+        out += "}}";
+    }
+}
+
+// A line chart of `h` with its title and min/max labels; a dashed line marks
+// `baseline` when given.
+std::string chart(const std::string& title, const History& h, const uint64_t* baseline) {
+    constexpr double kLeft = 10, kRight = 350, kTop = 40, kBottom = 148;
+    uint64_t lo = *std::min_element(h.values.begin(), h.values.end());
+    uint64_t hi = *std::max_element(h.values.begin(), h.values.end());
+    if (baseline != nullptr) {
+        lo = std::min(lo, *baseline);
+        hi = std::max(hi, *baseline);
+    }
+    const size_t n = h.values.size();
+    auto x = [&](size_t i) {
+        if (n == 1) return (kLeft + kRight) / 2;
+        return kLeft + static_cast<double>(i) * (kRight - kLeft) / static_cast<double>(n - 1);
+    };
+    auto y = [&](uint64_t v) {
+        if (hi == lo) return (kTop + kBottom) / 2;
+        return kBottom -
+               static_cast<double>(v - lo) / static_cast<double>(hi - lo) * (kBottom - kTop);
+    };
+    const char* unit = h.unit.c_str();
+    char buf[512];
+    std::string out =
+        "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"360\" height=\"180\" "
+        "viewBox=\"0 0 360 180\" font-family=\"sans-serif\" font-size=\"11\">\n"
+        "<rect width=\"360\" height=\"180\" fill=\"white\"/>\n"
+        "<text x=\"10\" y=\"18\" font-size=\"13\" font-weight=\"bold\">" +
+        escape(title, true) + "</text>\n";
+    snprintf(buf, sizeof(buf),
+             "<text x=\"10\" y=\"34\">max %" PRIu64
+             " %s</text>\n"
+             "<text x=\"10\" y=\"164\">min %" PRIu64
+             " %s</text>\n"
+             "<text x=\"350\" y=\"164\" text-anchor=\"end\">%zu samples, 1 s apart</text>\n"
+             "<path d=\"M10 40H350M10 148H350\" stroke=\"#ddd\"/>\n",
+             hi, unit, lo, unit, n);
+    out += buf;
+    if (baseline != nullptr) {
+        snprintf(buf, sizeof(buf),
+                 "<path d=\"M10 %.1fH350\" stroke=\"#999\" stroke-dasharray=\"4 3\"/>\n"
+                 "<text x=\"350\" y=\"34\" text-anchor=\"end\" fill=\"#666\">- - baseline "
+                 "%" PRIu64 " %s</text>\n",
+                 y(*baseline), *baseline, unit);
+        out += buf;
+    }
+    if (n == 1) {
+        snprintf(buf, sizeof(buf), "<circle cx=\"%.1f\" cy=\"%.1f\" r=\"3\" fill=\"#1a73e8\"/>\n",
+                 x(0), y(h.values[0]));
+        return out + buf + "</svg>\n";
+    }
+    out += "<polyline fill=\"none\" stroke=\"#1a73e8\" stroke-width=\"1.5\" points=\"";
+    for (size_t i = 0; i < n; ++i) {
+        snprintf(buf, sizeof(buf), "%s%.1f,%.1f", i == 0 ? "" : " ", x(i), y(h.values[i]));
+        out += buf;
+    }
+    return out + "\"/>\n</svg>\n";
+}
+
+// Letters, digits, '.', '-' and '_' of `name`, others as '_', at most 40.
+std::string fileSafe(const std::string& name) {
+    std::string out;
+    for (char c : name.substr(0, 40)) {
+        const bool keep = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+                          (c >= '0' && c <= '9') || c == '.' || c == '-' || c == '_';
+        out += keep ? c : '_';
+    }
+    return out;
+}
+
+}  // namespace
+
+bool writeTrace(const std::vector<CrashReport>& reports, const std::string& path,
+                std::string& error) {
+    std::string out = "{\"displayTimeUnit\":\"ms\",\"traceEvents\":[\n";
+    for (size_t i = 0; i < reports.size(); ++i) {
+        const CrashReport& r = reports[i];
+        const size_t pid = i + 1;
+        out += std::string(i == 0 ? "" : ",\n") +
+               "{\"ph\":\"M\",\"name\":\"process_name\",\"pid\":" + std::to_string(pid) +
+               ",\"args\":{\"name\":\"" + escape(reportTitle(r, i), false) + "\"}}";
+        for (const History& h : r.system) {
+            addCounters(out, pid, r, h.name, {&h});
+        }
+        for (const Process& p : r.processes) {
+            addCounters(out, pid, r, p.name + " [" + std::to_string(p.pid) + "]",
+                        {&p.rss, &p.rswap});
+        }
+    }
+    out += "\n]}\n";
+    return writeFile(path, out, error);
+}
+
+bool writeCharts(const std::vector<CrashReport>& reports, const std::string& dir, int& written,
+                 std::string& error) {
+    std::error_code ec;
+    std::filesystem::create_directories(dir, ec);
+    if (ec || !std::filesystem::is_directory(dir, ec)) {
+        error = "cannot make the directory " + dir + (ec ? ": " + ec.message() : "");
+        return false;
+    }
+    written = 0;
+    for (size_t i = 0; i < reports.size(); ++i) {
+        const CrashReport& r = reports[i];
+        const std::string prefix = dir + "/report" + std::to_string(i + 1) + "-";
+        for (const History& h : r.system) {
+            if (h.values.empty()) continue;
+            if (!writeFile(prefix + h.slug + ".svg", chart(h.name, h, nullptr), error))
+                return false;
+            ++written;
+        }
+        for (const Process* p : topGrowth(r, kChartedProcesses)) {
+            const std::string title = "RSS of " + p->name + " [" + std::to_string(p->pid) + "]";
+            const std::string file =
+                prefix + "rss-" + std::to_string(p->pid) + "-" + fileSafe(p->name) + ".svg";
+            if (!writeFile(file, chart(title, p->rss, &p->rssBaseline), error)) return false;
+            ++written;
+        }
+    }
+    return true;
+}
+
+}  // namespace tavrendctl::report
