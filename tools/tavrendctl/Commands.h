@@ -9,3 +9,5 @@ int checkConfigCommand(int argc, char** argv);
 // tavrendctl report LOGFILE [--trace OUT.json] [--svg DIR]
 int reportCommand(int argc, char** argv);
 
+// tavrendctl sim SCENARIO [--scale N]
+int simCommand(int argc, char** argv);

@@ -32,14 +32,18 @@ constexpr const char* kIpcService = android::kTavrendIpcServiceName;
 constexpr const char* kIpcDescriptor = android::kTavrendIpcDescriptor;
 constexpr uint32_t kRecordLatencyCode = android::kRecordDuplTransaction;
 
-int usage() {
-    fprintf(stderr,
+// The usage text, on standard error after a mistake (exit 2) or on standard
+// output for --help (exit 0).
+int usage(FILE* out = stderr, int status = 2) {
+    fprintf(out,
             "usage: tavrendctl getprop NAME [DEFAULT]\n"
             "       tavrendctl setprop NAME VALUE\n"
             "       tavrendctl upl MS\n"
             "       tavrendctl call SERVICE CODE [token TEXT] [i32 N] [i64 N] [s16 TEXT] [oneway]\n"
             "       tavrendctl check-config [ROOT]   (see tavrendctl check-config --help)\n"
             "       tavrendctl report LOGFILE [--trace OUT.json] [--svg DIR]\n"
+            "       tavrendctl sim SCENARIO [--scale N]\n"
+            "       tavrendctl --help\n"
             "\n"
             "upl sends one latency sample of MS milliseconds to %s (transaction %u,\n"
             "interface token, int64 MS) and prints 'status: S' and 'reply: R', the reply's int32.\n"
@@ -50,10 +54,13 @@ int usage() {
             "parcel as 'Result: Parcel(...)': 32-bit little-endian words in hex, then the bytes\n"
             "as text ('.' for unprintable ones), 16 bytes a line when longer.\n"
             "\n"
+            "getprop prints the value (or DEFAULT); setprop exits 1 when the set is refused.\n"
             "upl and call exit 1 when the service does not exist, the status is not 0 or\n"
-            "(upl) the reply is not 0. The device root is $TAVREND_ROOT (default /).\n",
+            "(upl) the reply is not 0. Every subcommand exits 2 for bad arguments; errors\n"
+            "go to standard error. check-config, report and sim state their own exit codes\n"
+            "in their --help. The device root is $TAVREND_ROOT (default /).\n",
             kIpcService, kRecordLatencyCode);
-    return 2;
+    return status;
 }
 
 template <typename T>
@@ -222,6 +229,9 @@ int call(int argc, char** argv) {
 int main(int argc, char** argv) {
     if (argc < 2) return usage();
     const char* cmd = argv[1];
+    if (argc == 2 && (strcmp(cmd, "--help") == 0 || strcmp(cmd, "-h") == 0)) {
+        return usage(stdout, 0);
+    }
     if (strcmp(cmd, "getprop") == 0 && (argc == 3 || argc == 4)) {
         char value[PROPERTY_VALUE_MAX];
         property_get(argv[2], value, argc == 4 ? argv[3] : "");
@@ -239,5 +249,6 @@ int main(int argc, char** argv) {
     if (strcmp(cmd, "call") == 0 && argc >= 4) return call(argc - 2, argv + 2);
     if (strcmp(cmd, "check-config") == 0) return checkConfigCommand(argc - 1, argv + 1);
     if (strcmp(cmd, "report") == 0) return reportCommand(argc - 1, argv + 1);
+    if (strcmp(cmd, "sim") == 0) return simCommand(argc - 1, argv + 1);
     return usage();
 }

@@ -1,0 +1,876 @@
+#include "SimScenario.h"
+
+#include <cjson/cJSON.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+namespace tavrendctl::sim {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr size_t kMaxScenarioBytes = size_t{4} * 1024 * 1024;
+constexpr double kMaxSeconds = 30.0 * 24 * 3600;  // a month of simulated time
+constexpr double kMaxKb = 1e15;
+constexpr int kMaxPid = 4194304;      // the kernel's pid_max ceiling
+constexpr size_t kMaxNameBytes = 15;  // the kernel's comm length
+constexpr size_t kMaxUplSamples = 10000;
+
+// The daemon's settings when the scenario leaves them out: quick periods, so
+// that a scenario plays in simulated minutes.
+const char* const kDefaultConfig = R"({
+  "system_mem": {
+    "memory_read_interval_sec": 1,
+    "critical_memory_threshold_percent": 50,
+    "critical_memory_bucket": "perceptible",
+    "critical_memory_measurement_time": 120,
+    "critical_memory_default_threshold_kb": 98304,
+    "critical_memory_over_threshold_percent": 80,
+    "critical_memory_action": 1,
+    "critical_memory_minimum_uptime_sec": 60,
+    "critical_memory_minimum_idle_time_sec": 60,
+    "critical_memory_idle_override_time_sec": 3600,
+    "lmk_counter_threshold": "Perceptible",
+    "lmk_target_kills": 12,
+    "system_mem_heartbeat_samples": 10,
+    "idle_detection_interval_sec": 2,
+    "critical_memory_swap_free_threshold_kb": 65536,
+    "critical_memory_s_unreclaim_threshold_kb": 262144
+  },
+  "proc_scan": {
+    "proc_scan_interval_sec": 2,
+    "rss_read_interval_sec": 2,
+    "pss_read_interval_sec": 60,
+    "num_pss_processes": 10,
+    "num_historical_vals": 30,
+    "pss_logging": 0,
+    "process_mem_heartbeat_samples": 10
+  },
+  "sample": false,
+  "device_upl": {
+    "dupl_monitoring_enabled": true,
+    "critical_upl_threshold_ms": 500,
+    "critical_upl_bad_sample_count_threshold": 20
+  },
+  "process_guardrail": {
+    "process_guardrail_monitoring_enabled": false,
+    "guardrail_check_interval_sec": 2,
+    "pss_sleep_interval_sec": 1,
+    "process_kill_metrics_interval_sec": 30
+  }
+})";
+
+const char* const kDefaultMetricConfig = R"({
+  "OrreryConfig": {"Enabled": true, "Region": "us-west", "GroupId": "tavrend_health"},
+  "MetricConfig": [
+    {"MetricConfig": "IdleDetector", "MetricName": "tavrend_idle_recovery", "Active": true,
+     "Sample_interval_ticks": 1, "Metric_logcat_interval_ticks": 1,
+     "Metric_report_interval_ticks": 1,
+     "KAPH_Metric_Interface": {"ProgramName": "tavrend", "Active": true},
+     "Orrery_Metric_Interface": {"Schema_Id": "idle_recovery_v2", "Group_Id": "", "Active": true,
+       "Metrics": [{"Name": "duration_type", "Type": "str", "DimensionTag": "durationType"},
+                   {"Name": "duration_value", "Type": "int", "DimensionTag": "durationSec"}]}},
+    {"MetricConfig": "MemoryGuardrail", "MetricName": "tavrend_guardrail_kills", "Active": true,
+     "Sample_interval_ticks": 1, "Metric_logcat_interval_ticks": 1,
+     "Metric_report_interval_ticks": 1,
+     "KAPH_Metric_Interface": {"ProgramName": "tavrend", "Active": false},
+     "Orrery_Metric_Interface": {"Schema_Id": "guardrail_kills_v1",
+       "Group_Id": "tavrend_guardrail", "Active": true,
+       "Metric_Key": {"Name": "process_name", "DimensionTag": "processName"},
+       "Metric_Value": {"Name": "kill_count", "DimensionTag": "killCount"}}}
+  ]
+})";
+
+const Figures kDefaultMeminfo = {
+    {"MemTotal", 3867224},      {"MemFree", 842336},      {"MemAvailable", 1612384},
+    {"Buffers", 18944},         {"Cached", 803840},       {"SwapCached", 61440},
+    {"Active", 1454676},        {"Inactive", 894116},     {"Active(anon)", 845672},
+    {"Inactive(anon)", 310648}, {"Active(file)", 409004}, {"Inactive(file)", 383468},
+    {"Unevictable", 5120},      {"Mlocked", 5120},        {"SwapTotal", 1048572},
+    {"SwapFree", 812336},       {"Dirty", 412},           {"Writeback", 0},
+    {"AnonPages", 1156320},     {"Mapped", 512332},       {"Shmem", 20480},
+    {"KReclaimable", 98304},    {"Slab", 160000},         {"SReclaimable", 98304},
+    {"SUnreclaim", 61696},      {"KernelStack", 21104},   {"PageTables", 41156},
+};
+
+const char* const kLmkLabels[] = {"Persistent", "Fg", "Visible", "Perceptible", "Backup", "Other"};
+
+const char* const kZoneinfo =
+    "Node 0, zone    DMA32\n"
+    "  pages free     35584\n"
+    "        min      1024\n"
+    "        low      1280\n"
+    "        high     1536\n"
+    "        spanned  262144\n"
+    "        present  262144\n"
+    "        managed  258048\n"
+    "Node 0, zone   Normal\n"
+    "  pages free     120320\n"
+    "        min      3072\n"
+    "        low      3840\n"
+    "        high     4608\n"
+    "        spanned  786432\n"
+    "        present  786432\n"
+    "        managed  758784\n";
+
+const char* const kMinfree = "18432,23040,27648,32256,55296,80640\n";
+
+struct Json {
+    cJSON* p = nullptr;
+    explicit Json(cJSON* item) : p(item) {}
+    Json(const Json&) = delete;
+    Json& operator=(const Json&) = delete;
+    ~Json() { cJSON_Delete(p); }
+};
+
+std::string printed(const cJSON* item) {
+    char* text = cJSON_Print(item);
+    if (text == nullptr) return {};
+    std::string out(text);
+    cJSON_free(text);
+    return out + "\n";
+}
+
+// Reads a number in [min, max]; integral when asked.
+bool number(const cJSON* item, const std::string& what, double min, double max, bool integral,
+            double& out, std::string& error) {
+    if (!cJSON_IsNumber(item) || !std::isfinite(item->valuedouble)) {
+        error = what + " must be a number";
+        return false;
+    }
+    const double v = item->valuedouble;
+    if (integral && std::floor(v) != v) {
+        error = what + " must be a whole number";
+        return false;
+    }
+    if (v < min || v > max) {
+        std::ostringstream ss;
+        ss << what << " must be between " << min << " and " << max;
+        error = ss.str();
+        return false;
+    }
+    out = v;
+    return true;
+}
+
+bool kb(const cJSON* item, const std::string& what, uint64_t& out, std::string& error) {
+    double v = 0;
+    if (!number(item, what, 0, kMaxKb, true, v, error)) return false;
+    out = static_cast<uint64_t>(v);
+    return true;
+}
+
+bool boolean(const cJSON* item, const std::string& what, bool& out, std::string& error) {
+    if (!cJSON_IsBool(item)) {
+        error = what + " must be true or false";
+        return false;
+    }
+    out = cJSON_IsTrue(item);
+    return true;
+}
+
+bool onlyKeys(const cJSON* object, const std::string& what, std::initializer_list<const char*> keys,
+              std::string& error) {
+    if (!cJSON_IsObject(object)) {
+        error = what + " must be an object";
+        return false;
+    }
+    const cJSON* child = nullptr;
+    cJSON_ArrayForEach(child, object) {
+        const bool known = std::any_of(keys.begin(), keys.end(), [&](const char* k) {
+            return child->string != nullptr && strcmp(child->string, k) == 0;
+        });
+        if (!known) {
+            error = what + " has an unknown key '" + (child->string ? child->string : "") + "'";
+            return false;
+        }
+    }
+    return true;
+}
+
+bool pair(const cJSON* item, const std::string& what, std::pair<double, double>& out,
+          std::string& error) {
+    if (!cJSON_IsArray(item) || cJSON_GetArraySize(item) != 2) {
+        error = what + " must be [FROM, TO] in simulated seconds";
+        return false;
+    }
+    if (!number(cJSON_GetArrayItem(item, 0), what + "[0]", 0, kMaxSeconds, false, out.first,
+                error) ||
+        !number(cJSON_GetArrayItem(item, 1), what + "[1]", out.first, kMaxSeconds, false,
+                out.second, error)) {
+        return false;
+    }
+    return true;
+}
+
+// Sets figures of `into` from the object `item`; new names are appended, or
+// refused when `allowed` lists the only names.
+bool figures(const cJSON* item, const std::string& what, const std::vector<std::string>* allowed,
+             Figures& into, std::string& error) {
+    if (!cJSON_IsObject(item)) {
+        error = what + " must be an object of numbers";
+        return false;
+    }
+    const cJSON* child = nullptr;
+    cJSON_ArrayForEach(child, item) {
+        const std::string name = child->string != nullptr ? child->string : "";
+        const bool nameOk =
+            !name.empty() && name.size() <= 40 && std::all_of(name.begin(), name.end(), [](char c) {
+                return isalnum(static_cast<unsigned char>(c)) != 0 || c == '_' || c == '(' ||
+                       c == ')';
+            });
+        if (!nameOk || (allowed != nullptr &&
+                        std::find(allowed->begin(), allowed->end(), name) == allowed->end())) {
+            error = what;
+            error += " has an unknown name '";
+            error += name;
+            error += "'";
+            return false;
+        }
+        uint64_t v = 0;
+        std::string at = what;
+        at += '.';
+        at += name;
+        if (!kb(child, at, v, error)) return false;
+        auto it =
+            std::find_if(into.begin(), into.end(), [&](const auto& f) { return f.first == name; });
+        if (it == into.end()) {
+            into.emplace_back(name, v);
+        } else {
+            it->second = v;
+        }
+    }
+    return true;
+}
+
+std::vector<std::string> lmkLabels() { return {std::begin(kLmkLabels), std::end(kLmkLabels)}; }
+
+// A process object: `fields` gets the names of the keys given.
+bool process(const cJSON* item, const std::string& what, Process& p,
+             std::vector<std::string>& fields, std::string& error) {
+    if (!onlyKeys(item, what,
+                  {"pid", "name", "cmdline", "rss_kb", "swap_kb", "pss_kb", "graphics_kb"},
+                  error)) {
+        return false;
+    }
+    double pid = 0;
+    if (!number(cJSON_GetObjectItemCaseSensitive(item, "pid"), what + ".pid", 1, kMaxPid, true, pid,
+                error)) {
+        return false;
+    }
+    p.pid = static_cast<int>(pid);
+    const cJSON* child = nullptr;
+    cJSON_ArrayForEach(child, item) {
+        const std::string key = child->string;
+        std::string at = what;
+        at += '.';
+        at += key;
+        fields.push_back(key);
+        if (key == "pid") continue;
+        if (key == "name" || key == "cmdline") {
+            if (!cJSON_IsString(child)) {
+                error = at + " must be a string";
+                return false;
+            }
+            const std::string text = child->valuestring;
+            const bool printable = std::all_of(text.begin(), text.end(), [](char c) {
+                return isprint(static_cast<unsigned char>(c)) != 0;
+            });
+            if (!printable || (key == "name" && (text.empty() || text.size() > kMaxNameBytes))) {
+                error = at + (key == "name" ? " must be 1 to 15 printable characters"
+                                            : " must be printable characters");
+                return false;
+            }
+            (key == "name" ? p.name : p.cmdline) = text;
+            continue;
+        }
+        uint64_t* target = key == "rss_kb"    ? &p.rssKb
+                           : key == "swap_kb" ? &p.swapKb
+                           : key == "pss_kb"  ? &p.pssKb
+                                              : &p.graphicsKb;
+        if (!kb(child, at, *target, error)) return false;
+    }
+    return true;
+}
+
+bool has(const std::vector<std::string>& fields, const char* key) {
+    return std::find(fields.begin(), fields.end(), key) != fields.end();
+}
+
+// A new process's figures where the scenario leaves them out.
+void completeNewProcess(Process& p, const std::vector<std::string>& fields) {
+    if (!has(fields, "rss_kb")) p.rssKb = 4096;
+    if (!has(fields, "pss_kb")) p.pssKb = p.rssKb * 2 / 3;
+    if (!has(fields, "cmdline")) p.cmdline = p.name;
+}
+
+// Merges `patch` into `base`: objects key by key, anything else replaced.
+void merge(cJSON* base, const cJSON* patch) {
+    const cJSON* child = nullptr;
+    cJSON_ArrayForEach(child, patch) {
+        cJSON* existing = cJSON_GetObjectItemCaseSensitive(base, child->string);
+        if (existing != nullptr && cJSON_IsObject(existing) && cJSON_IsObject(child)) {
+            merge(existing, child);
+            continue;
+        }
+        cJSON* copy = cJSON_Duplicate(child, 1);
+        if (copy == nullptr) continue;
+        if (existing != nullptr) {
+            cJSON_ReplaceItemInObjectCaseSensitive(base, child->string, copy);
+        } else {
+            cJSON_AddItemToObject(base, child->string, copy);
+        }
+    }
+}
+
+bool loadConfig(const cJSON* root, Scenario& s, std::string& error) {
+    Json config(cJSON_Parse(kDefaultConfig));
+    if (config.p == nullptr) {
+        error = "internal: the default configuration does not parse";
+        return false;
+    }
+    const cJSON* guardrails = cJSON_GetObjectItemCaseSensitive(root, "guardrails");
+    if (guardrails != nullptr) {
+        cJSON* section = cJSON_GetObjectItemCaseSensitive(config.p, "process_guardrail");
+        cJSON_ReplaceItemInObjectCaseSensitive(section, "process_guardrail_monitoring_enabled",
+                                               cJSON_CreateTrue());
+    }
+    const cJSON* patch = cJSON_GetObjectItemCaseSensitive(root, "config");
+    if (patch != nullptr) {
+        if (!cJSON_IsObject(patch)) {
+            error = "config must be an object (the daemon's configuration, merged over defaults)";
+            return false;
+        }
+        merge(config.p, patch);
+    }
+    s.configText = printed(config.p);
+    const cJSON* section = cJSON_GetObjectItemCaseSensitive(config.p, "process_guardrail");
+    s.guardrailsEnabled = cJSON_IsTrue(
+        cJSON_GetObjectItemCaseSensitive(section, "process_guardrail_monitoring_enabled"));
+    const cJSON* interval = cJSON_GetObjectItemCaseSensitive(
+        cJSON_GetObjectItemCaseSensitive(config.p, "system_mem"), "memory_read_interval_sec");
+    if (cJSON_IsNumber(interval) && interval->valuedouble >= 1 && interval->valuedouble < 1e9) {
+        s.memoryReadIntervalSec = static_cast<int>(interval->valuedouble);
+    }
+
+    const cJSON* metric = cJSON_GetObjectItemCaseSensitive(root, "metric_config");
+    if (metric != nullptr) {
+        if (!cJSON_IsObject(metric)) {
+            error = "metric_config must be an object";
+            return false;
+        }
+        s.metricConfigText = printed(metric);
+    } else {
+        s.metricConfigText = kDefaultMetricConfig;
+    }
+    if (guardrails != nullptr) {
+        if (!cJSON_IsArray(guardrails)) {
+            error = "guardrails must be an array of {name, soft_memory_limit, hard_memory_limit}";
+            return false;
+        }
+        Json file(cJSON_CreateObject());
+        cJSON_AddItemToObject(file.p, "processes", cJSON_Duplicate(guardrails, 1));
+        s.guardrailText = printed(file.p);
+    }
+    return true;
+}
+
+bool loadDevice(const cJSON* device, Scenario& s, std::string& error) {
+    s.meminfo = kDefaultMeminfo;
+    for (const char* label : kLmkLabels) s.lmkStats.emplace_back(label, 0);
+    if (device == nullptr) return true;
+    if (!onlyKeys(device, "device", {"meminfo", "lmk_stats", "processes", "user_active"}, error)) {
+        return false;
+    }
+    const cJSON* item = cJSON_GetObjectItemCaseSensitive(device, "meminfo");
+    if (item != nullptr && !figures(item, "device.meminfo", nullptr, s.meminfo, error)) {
+        return false;
+    }
+    const std::vector<std::string> labels = lmkLabels();
+    item = cJSON_GetObjectItemCaseSensitive(device, "lmk_stats");
+    if (item != nullptr && !figures(item, "device.lmk_stats", &labels, s.lmkStats, error)) {
+        return false;
+    }
+    item = cJSON_GetObjectItemCaseSensitive(device, "user_active");
+    if (item != nullptr && !boolean(item, "device.user_active", s.userActive, error)) return false;
+    item = cJSON_GetObjectItemCaseSensitive(device, "processes");
+    if (item == nullptr) return true;
+    if (!cJSON_IsArray(item)) {
+        error = "device.processes must be an array";
+        return false;
+    }
+    int i = 0;
+    const cJSON* child = nullptr;
+    cJSON_ArrayForEach(child, item) {
+        const std::string what = "device.processes[" + std::to_string(i++) + "]";
+        Process p;
+        std::vector<std::string> fields;
+        if (!process(child, what, p, fields, error)) return false;
+        if (p.name.empty()) {
+            error = what + " needs a name";
+            return false;
+        }
+        if (s.processes.count(p.pid) != 0) {
+            error = what + ": pid " + std::to_string(p.pid) + " is listed twice";
+            return false;
+        }
+        completeNewProcess(p, fields);
+        s.processes[p.pid] = p;
+    }
+    return true;
+}
+
+bool loadEvent(const cJSON* item, const std::string& what, double endSec, Event& e,
+               std::string& error) {
+    if (!onlyKeys(
+            item, what,
+            {"at", "lmk_stats", "meminfo", "process", "exit", "user_active", "upl", "sigterm"},
+            error)) {
+        return false;
+    }
+    if (!number(cJSON_GetObjectItemCaseSensitive(item, "at"), what + ".at", 0, endSec, false, e.at,
+                error)) {
+        return false;
+    }
+    if (cJSON_GetArraySize(item) != 2) {
+        error = what + " needs \"at\" and exactly one change";
+        return false;
+    }
+    const cJSON* change = item->child;
+    if (strcmp(change->string, "at") == 0) change = change->next;
+    const std::string key = change->string;
+    const std::string at = what + "." + key;
+    if (key == "lmk_stats") {
+        e.kind = Event::Kind::Lmk;
+        const std::vector<std::string> labels = lmkLabels();
+        return figures(change, at, &labels, e.figures, error);
+    }
+    if (key == "meminfo") {
+        e.kind = Event::Kind::Meminfo;
+        return figures(change, at, nullptr, e.figures, error);
+    }
+    if (key == "process") {
+        e.kind = Event::Kind::Process;
+        return process(change, at, e.process, e.processFields, error);
+    }
+    if (key == "exit") {
+        e.kind = Event::Kind::Exit;
+        double pid = 0;
+        if (!number(change, at, 1, kMaxPid, true, pid, error)) return false;
+        e.pid = static_cast<int>(pid);
+        return true;
+    }
+    if (key == "user_active") {
+        e.kind = Event::Kind::UserActive;
+        return boolean(change, at, e.flag, error);
+    }
+    if (key == "sigterm") {
+        e.kind = Event::Kind::Sigterm;
+        if (!cJSON_IsTrue(change)) {
+            error = at + " must be true";
+            return false;
+        }
+        return true;
+    }
+    e.kind = Event::Kind::Upl;
+    const int n = cJSON_IsArray(change) ? cJSON_GetArraySize(change) : 0;
+    if (n < 1 || static_cast<size_t>(n) > kMaxUplSamples) {
+        error = at + " must be an array of 1 to 10000 latencies in milliseconds";
+        return false;
+    }
+    const cJSON* sample = nullptr;
+    cJSON_ArrayForEach(sample, change) {
+        double ms = 0;
+        if (!number(sample, at + "[]", -1e15, 1e15, true, ms, error)) return false;
+        e.upl.push_back(static_cast<int64_t>(ms));
+    }
+    return true;
+}
+
+// Plays the process changes through once, so that each one makes sense.
+bool checkTimeline(const Scenario& s, std::string& error) {
+    std::set<int> live;
+    for (const auto& [pid, p] : s.processes) live.insert(pid);
+    for (const Event& e : s.timeline) {
+        std::ostringstream when;
+        when << "timeline event at " << e.at << ": ";
+        if (e.kind == Event::Kind::Process) {
+            if (live.count(e.process.pid) == 0 && e.process.name.empty()) {
+                error = when.str() + "new pid " + std::to_string(e.process.pid) + " needs a name";
+                return false;
+            }
+            live.insert(e.process.pid);
+        } else if (e.kind == Event::Kind::Exit) {
+            if (live.erase(e.pid) == 0) {
+                error = when.str() + "pid " + std::to_string(e.pid) + " is not running then";
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+bool loadExpect(const cJSON* item, Expect& x, std::string& error) {
+    if (item == nullptr) return true;
+    if (!onlyKeys(item, "expect",
+                  {"condition", "detected_between", "reboot", "reboot_between", "killed",
+                   "metric_records", "ends"},
+                  error)) {
+        return false;
+    }
+    const cJSON* v = cJSON_GetObjectItemCaseSensitive(item, "condition");
+    if (v != nullptr) {
+        if (!cJSON_IsString(v) ||
+            (strcmp(v->valuestring, "none") != 0 && strcmp(v->valuestring, "memory") != 0 &&
+             strcmp(v->valuestring, "latency") != 0)) {
+            error = "expect.condition must be \"none\", \"memory\" or \"latency\"";
+            return false;
+        }
+        x.condition = v->valuestring;
+    }
+    std::pair<double, double> range;
+    if ((v = cJSON_GetObjectItemCaseSensitive(item, "detected_between")) != nullptr) {
+        if (!pair(v, "expect.detected_between", range, error)) return false;
+        x.detectedBetween = range;
+    }
+    if ((v = cJSON_GetObjectItemCaseSensitive(item, "reboot_between")) != nullptr) {
+        if (!pair(v, "expect.reboot_between", range, error)) return false;
+        x.rebootBetween = range;
+    }
+    if ((v = cJSON_GetObjectItemCaseSensitive(item, "reboot")) != nullptr) {
+        bool b = false;
+        if (!boolean(v, "expect.reboot", b, error)) return false;
+        x.reboot = b;
+    }
+    if ((v = cJSON_GetObjectItemCaseSensitive(item, "killed")) != nullptr) {
+        if (!cJSON_IsObject(v)) {
+            error = "expect.killed must be an object {\"NAME\": \"hard\"|\"idle\"|\"hard,idle\"}";
+            return false;
+        }
+        std::map<std::string, std::string> killed;
+        const cJSON* k = nullptr;
+        cJSON_ArrayForEach(k, v) {
+            if (!cJSON_IsString(k) ||
+                (strcmp(k->valuestring, "hard") != 0 && strcmp(k->valuestring, "idle") != 0 &&
+                 strcmp(k->valuestring, "hard,idle") != 0)) {
+                error = std::string("expect.killed.") + k->string +
+                        " must be \"hard\", \"idle\" or \"hard,idle\"";
+                return false;
+            }
+            killed[k->string] = k->valuestring;
+        }
+        x.killed = killed;
+    }
+    if ((v = cJSON_GetObjectItemCaseSensitive(item, "metric_records")) != nullptr) {
+        std::vector<std::string> records;
+        const cJSON* r = nullptr;
+        if (!cJSON_IsArray(v)) {
+            error = "expect.metric_records must be an array of strings";
+            return false;
+        }
+        cJSON_ArrayForEach(r, v) {
+            if (!cJSON_IsString(r)) {
+                error = "expect.metric_records must be an array of strings";
+                return false;
+            }
+            records.emplace_back(r->valuestring);
+        }
+        x.metricRecords = records;
+    }
+    if ((v = cJSON_GetObjectItemCaseSensitive(item, "ends")) != nullptr) {
+        if (!cJSON_IsString(v) || strlen(v->valuestring) == 0) {
+            error =
+                "expect.ends must be a string: \"reboot\", \"sigterm\", \"exit N\", "
+                "\"signal NAME\" or \"timeout\"";
+            return false;
+        }
+        x.ends = v->valuestring;
+    }
+    return true;
+}
+
+bool writeFile(const std::string& path, const std::string& content, std::string& error) {
+    std::error_code ec;
+    fs::create_directories(fs::path(path).parent_path(), ec);
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+    out.close();
+    if (!out) {
+        error = "cannot write " + path;
+        return false;
+    }
+    return true;
+}
+
+std::string statusText(const Process& p) {
+    std::ostringstream s;
+    s << "Name:\t" << p.name << "\nUmask:\t0022\nState:\tS (sleeping)\nTgid:\t" << p.pid
+      << "\nPid:\t" << p.pid << "\nPPid:\t1\nVmPeak:\t" << p.rssKb * 2 << " kB\nVmSize:\t"
+      << p.rssKb * 2 << " kB\nVmHWM:\t" << p.rssKb << " kB\nVmRSS:\t" << p.rssKb
+      << " kB\nRssAnon:\t" << p.rssKb / 2 << " kB\nVmSwap:\t" << p.swapKb << " kB\nThreads:\t4\n";
+    return s.str();
+}
+
+std::string rollupText(const Process& p) {
+    std::ostringstream s;
+    s << "00400000-7ffc0000000 ---p 00000000 00:00 0                          [rollup]\nRss:  "
+      << p.rssKb << " kB\nPss:  " << p.pssKb << " kB\nPss_Anon:  " << p.pssKb / 2
+      << " kB\nPss_File:  " << p.pssKb / 2 << " kB\nSwapPss:  " << p.swapKb << " kB\n";
+    return s.str();
+}
+
+std::string memtrackText(const Process& p) {
+    return std::to_string(p.graphicsKb * 1024) + " 0 0\n";
+}
+
+}  // namespace
+
+std::string meminfoText(const Figures& f) {
+    std::string out;
+    for (const auto& [name, v] : f) {
+        char line[96];
+        snprintf(line, sizeof(line), "%-15s %10llu kB\n", (name + ":").c_str(),
+                 static_cast<unsigned long long>(v));
+        out += line;
+    }
+    return out;
+}
+
+std::string lmkStatsText(const Figures& f) {
+    std::string out;
+    for (const auto& [name, v] : f) out += name + ": " + std::to_string(v) + "\n";
+    return out;
+}
+
+bool writeFileAtomic(const std::string& root, const std::string& devicePath,
+                     const std::string& content, std::string& error) {
+    const std::string tmp = root + "/.sim-stage/file.tmp";
+    if (!writeFile(tmp, content, error)) return false;
+    const std::string target = root + devicePath;
+    std::error_code ec;
+    fs::create_directories(fs::path(target).parent_path(), ec);
+    if (rename(tmp.c_str(), target.c_str()) != 0) {
+        error = "cannot replace " + target + ": " + strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+bool loadScenario(const std::string& path, Scenario& s, std::string& error) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        error = "cannot read " + path;
+        return false;
+    }
+    std::string text;
+    text.resize(kMaxScenarioBytes + 1);
+    in.read(text.data(), static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<size_t>(in.gcount()));
+    if (text.size() > kMaxScenarioBytes) {
+        error = path + " is larger than 4 MiB";
+        return false;
+    }
+    const char* end = nullptr;
+    Json root(cJSON_ParseWithLengthOpts(text.data(), text.size(), &end, false));
+    if (root.p == nullptr) {
+        const char* bad = cJSON_GetErrorPtr();
+        const bool inside =
+            bad != nullptr && bad >= text.data() && bad <= text.data() + text.size();
+        error = path + " is not valid JSON" +
+                (inside ? " (near byte " + std::to_string(bad - text.data()) + ")" : "");
+        return false;
+    }
+    while (end != nullptr && end < text.data() + text.size() &&
+           isspace(static_cast<unsigned char>(*end)))
+        ++end;
+    if (end != nullptr && end != text.data() + text.size()) {
+        error = path + " has text after the JSON value";
+        return false;
+    }
+    if (!onlyKeys(root.p, "the scenario",
+                  {"description", "scale", "end_sec", "config", "metric_config", "guardrails",
+                   "device", "timeline", "expect"},
+                  error)) {
+        return false;
+    }
+    const cJSON* item = cJSON_GetObjectItemCaseSensitive(root.p, "description");
+    if (item != nullptr) {
+        if (!cJSON_IsString(item)) {
+            error = "description must be a string";
+            return false;
+        }
+        s.description = item->valuestring;
+    }
+    item = cJSON_GetObjectItemCaseSensitive(root.p, "scale");
+    if (item != nullptr) {
+        double scale = 0;
+        if (!number(item, "scale", 0.001, 100000, false, scale, error)) return false;
+        s.scale = scale;
+    }
+    item = cJSON_GetObjectItemCaseSensitive(root.p, "end_sec");
+    if (item == nullptr) {
+        error = "end_sec (the simulated second at which the run ends) is missing";
+        return false;
+    }
+    if (!number(item, "end_sec", 1, kMaxSeconds, false, s.endSec, error)) return false;
+    if (!loadConfig(root.p, s, error)) return false;
+    if (!loadDevice(cJSON_GetObjectItemCaseSensitive(root.p, "device"), s, error)) return false;
+
+    item = cJSON_GetObjectItemCaseSensitive(root.p, "timeline");
+    if (item != nullptr) {
+        if (!cJSON_IsArray(item)) {
+            error = "timeline must be an array of events";
+            return false;
+        }
+        int i = 0;
+        const cJSON* child = nullptr;
+        cJSON_ArrayForEach(child, item) {
+            Event e;
+            if (!loadEvent(child, "timeline[" + std::to_string(i++) + "]", s.endSec, e, error)) {
+                return false;
+            }
+            s.timeline.push_back(std::move(e));
+        }
+    }
+    std::stable_sort(s.timeline.begin(), s.timeline.end(),
+                     [](const Event& a, const Event& b) { return a.at < b.at; });
+    if (!checkTimeline(s, error)) return false;
+    return loadExpect(cJSON_GetObjectItemCaseSensitive(root.p, "expect"), s.expect, error);
+}
+
+bool writeDeviceRoot(const std::string& root, const Scenario& s, std::string& error) {
+    const std::string etc = root + "/system/etc/tavrend/";
+    std::error_code ec;
+    for (const char* dir : {"/sys/kernel/dravik", "/data/system/tavrend", "/dev/memtrack",
+                            "/dev/__properties__", "/proc", "/.sim-stage"}) {
+        fs::create_directories(root + dir, ec);
+        if (ec) {
+            error = "cannot create " + root + dir + ": " + ec.message();
+            return false;
+        }
+    }
+    if (!writeFile(etc + "tavrend_config.json", s.configText, error) ||
+        !writeFile(etc + "tavrend_metric_config.json", s.metricConfigText, error) ||
+        (s.guardrailText &&
+         !writeFile(etc + "tavrend_memory_guardrail.json", *s.guardrailText, error)) ||
+        !writeFile(root + "/proc/meminfo", meminfoText(s.meminfo), error) ||
+        !writeFile(root + "/proc/zoneinfo", kZoneinfo, error) ||
+        !writeFile(root + "/proc/lmk_stats", lmkStatsText(s.lmkStats), error) ||
+        !writeFile(root + "/sys/module/lowmemorykiller/parameters/minfree", kMinfree, error) ||
+        !writeFile(root + "/dev/__properties__/sys.user_activity_detected",
+                   s.userActive ? "true\n" : "false\n", error)) {
+        return false;
+    }
+    DeviceState state(root, s);
+    for (const auto& [pid, p] : s.processes) {
+        Event e;
+        e.kind = Event::Kind::Process;
+        e.process = p;
+        e.processFields = {"pid", "name", "cmdline", "rss_kb", "swap_kb", "pss_kb", "graphics_kb"};
+        if (!state.apply(e, error)) return false;
+    }
+    return true;
+}
+
+DeviceState::DeviceState(std::string root, const Scenario& s)
+    : root_(std::move(root)),
+      meminfo_(s.meminfo),
+      lmkStats_(s.lmkStats),
+      processes_(s.processes),
+      userActive_(s.userActive) {}
+
+bool DeviceState::writeProcess(const Process& p, std::string& error) {
+    const std::string dir = "/proc/" + std::to_string(p.pid);
+    std::error_code ec;
+    if (!fs::exists(root_ + dir, ec)) {
+        // A new process appears whole: built aside, then moved in.
+        const std::string stage = root_ + "/.sim-stage/" + std::to_string(p.pid);
+        fs::remove_all(stage, ec);
+        if (!writeFile(stage + "/comm", p.name + "\n", error) ||
+            !writeFile(stage + "/cmdline", p.cmdline, error) ||
+            !writeFile(stage + "/status", statusText(p), error) ||
+            !writeFile(stage + "/smaps_rollup", rollupText(p), error)) {
+            return false;
+        }
+        if (rename(stage.c_str(), (root_ + dir).c_str()) != 0) {
+            error = "cannot create " + root_ + dir + ": " + strerror(errno);
+            return false;
+        }
+    } else if (!writeFileAtomic(root_, dir + "/comm", p.name + "\n", error) ||
+               !writeFileAtomic(root_, dir + "/cmdline", p.cmdline, error) ||
+               !writeFileAtomic(root_, dir + "/status", statusText(p), error) ||
+               !writeFileAtomic(root_, dir + "/smaps_rollup", rollupText(p), error)) {
+        return false;
+    }
+    return writeFileAtomic(root_, "/dev/memtrack/" + std::to_string(p.pid), memtrackText(p), error);
+}
+
+bool DeviceState::apply(const Event& e, std::string& error) {
+    switch (e.kind) {
+        case Event::Kind::Lmk:
+        case Event::Kind::Meminfo: {
+            Figures& f = e.kind == Event::Kind::Lmk ? lmkStats_ : meminfo_;
+            for (const auto& [name, v] : e.figures) {
+                auto it = std::find_if(f.begin(), f.end(),
+                                       [&, &n = name](const auto& x) { return x.first == n; });
+                if (it == f.end()) {
+                    f.emplace_back(name, v);
+                } else {
+                    it->second = v;
+                }
+            }
+            return e.kind == Event::Kind::Lmk
+                       ? writeFileAtomic(root_, "/proc/lmk_stats", lmkStatsText(f), error)
+                       : writeFileAtomic(root_, "/proc/meminfo", meminfoText(f), error);
+        }
+        case Event::Kind::Process: {
+            auto it = processes_.find(e.process.pid);
+            const std::vector<std::string>& fields = e.processFields;
+            if (it == processes_.end()) {
+                Process p = e.process;
+                completeNewProcess(p, fields);
+                it = processes_.emplace(p.pid, p).first;
+            } else {
+                Process& p = it->second;
+                const Process& q = e.process;
+                if (has(fields, "name")) {
+                    // Another program on the same id: a fresh command line too.
+                    if (q.name != p.name && !has(fields, "cmdline")) p.cmdline = q.name;
+                    p.name = q.name;
+                }
+                if (has(fields, "cmdline")) p.cmdline = q.cmdline;
+                if (has(fields, "rss_kb")) p.rssKb = q.rssKb;
+                if (has(fields, "swap_kb")) p.swapKb = q.swapKb;
+                if (has(fields, "pss_kb")) p.pssKb = q.pssKb;
+                if (has(fields, "graphics_kb")) p.graphicsKb = q.graphicsKb;
+            }
+            return writeProcess(it->second, error);
+        }
+        case Event::Kind::Exit: {
+            processes_.erase(e.pid);
+            std::error_code ec;
+            // Already gone when the daemon killed it.
+            fs::remove_all(root_ + "/proc/" + std::to_string(e.pid), ec);
+            fs::remove(root_ + "/dev/memtrack/" + std::to_string(e.pid), ec);
+            return true;
+        }
+        case Event::Kind::UserActive:
+            userActive_ = e.flag;
+            return writeFileAtomic(root_, "/dev/__properties__/sys.user_activity_detected",
+                                   e.flag ? "true\n" : "false\n", error);
+        case Event::Kind::Upl:
+        case Event::Kind::Sigterm: break;
+    }
+    return true;
+}
+
+}  // namespace tavrendctl::sim

@@ -1,0 +1,98 @@
+// tavrendctl sim: the scenario file (reading and checking it) and the device
+// root it describes (writing it, and changing it while the daemon runs).
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tavrendctl::sim {
+
+// Figures kept in the order they are written, e.g. /proc/meminfo's lines.
+using Figures = std::vector<std::pair<std::string, uint64_t>>;
+
+struct Process {
+    int pid = 0;
+    std::string name;
+    std::string cmdline;
+    uint64_t rssKb = 0;
+    uint64_t swapKb = 0;
+    uint64_t pssKb = 0;
+    uint64_t graphicsKb = 0;
+};
+
+struct Event {
+    enum class Kind { Lmk, Meminfo, Process, Exit, UserActive, Upl, Sigterm };
+    double at = 0;
+    Kind kind = Kind::Sigterm;
+    Figures figures;                         // Lmk, Meminfo
+    Process process;                         // Process (only the fields given are set...)
+    std::vector<std::string> processFields;  // ...named here
+    int pid = 0;                             // Exit
+    bool flag = false;                       // UserActive
+    std::vector<int64_t> upl;                // Upl
+};
+
+struct Expect {
+    std::optional<std::string> condition;
+    std::optional<std::pair<double, double>> detectedBetween;
+    std::optional<bool> reboot;
+    std::optional<std::pair<double, double>> rebootBetween;
+    std::optional<std::map<std::string, std::string>> killed;
+    std::optional<std::vector<std::string>> metricRecords;
+    std::optional<std::string> ends;
+    bool any() const {
+        return condition || detectedBetween || reboot || rebootBetween || killed || metricRecords ||
+               ends;
+    }
+};
+
+struct Scenario {
+    std::string description;
+    std::optional<double> scale;
+    double endSec = 0;
+    std::string configText;  // the merged daemon configuration, as written
+    std::string metricConfigText;
+    std::optional<std::string> guardrailText;
+    bool guardrailsEnabled = false;  // as the merged configuration says
+    int memoryReadIntervalSec = 1;   // likewise (at least 1)
+    Figures meminfo;
+    Figures lmkStats;
+    std::map<int, Process> processes;
+    bool userActive = true;
+    std::vector<Event> timeline;  // in time order
+    Expect expect;
+};
+
+// Reads and checks a scenario file; on failure `error` says what is wrong.
+bool loadScenario(const std::string& path, Scenario& out, std::string& error);
+
+// Writes the device root `root` (an existing, empty directory) for `s`.
+bool writeDeviceRoot(const std::string& root, const Scenario& s, std::string& error);
+
+// Changes to a written root. Each file is replaced atomically.
+class DeviceState {
+public:
+    DeviceState(std::string root, const Scenario& s);
+    bool apply(const Event& e, std::string& error);  // every kind but Upl and Sigterm
+    bool userActive() const { return userActive_; }
+
+private:
+    bool writeProcess(const Process& p, std::string& error);
+    std::string root_;
+    Figures meminfo_;
+    Figures lmkStats_;
+    std::map<int, Process> processes_;
+    bool userActive_;
+};
+
+// Files of the device root, shared by the writer and the changes.
+std::string meminfoText(const Figures& f);
+std::string lmkStatsText(const Figures& f);
+bool writeFileAtomic(const std::string& root, const std::string& devicePath,
+                     const std::string& content, std::string& error);
+
+}  // namespace tavrendctl::sim
