@@ -534,7 +534,7 @@ void printSummary(const std::string& path, const Scenario& s, double scale, cons
 
 class StatusLine {
 public:
-    explicit StatusLine(double scale) : tty_(isatty(STDERR_FILENO) != 0), scale_(scale) {}
+    StatusLine() : tty_(isatty(STDERR_FILENO) != 0) {}
 
     void update(double t, const Outcome& o, bool userActive, bool force) {
         const auto now = Clock::now();
@@ -560,7 +560,6 @@ public:
 
 private:
     bool tty_;
-    double scale_;
     Clock::time_point lastReal_{};
     double lastSim_ = -1e9;
     bool shown_ = false;
@@ -703,7 +702,7 @@ int play(const std::string& path, const Scenario& s, double scale) {
     o.ticksPerSample = s.memoryReadIntervalSec;
     DeviceState device(run.root, s);
     LogTail log(run.logs + "/system.log");
-    StatusLine status(scale);
+    StatusLine status;
     size_t next = 0;
     auto simNow = [&] {
         return std::chrono::duration<double>(Clock::now() - start).count() * scale;
