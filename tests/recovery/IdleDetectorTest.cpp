@@ -1,8 +1,9 @@
 // The idle detector on a fake clock: minimum uptime, the override clock,
-// idleness, heartbeats, the condition's metric and the reboot request.
+// idleness, heartbeats, the condition's metrics and the reboot request.
 #include <gtest/gtest.h>
 #include <log/log.h>
 
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -16,29 +17,9 @@
 #include "support/LogCapture.h"
 
 using namespace tavrend;
-using tavrend::test::DeviceRoot;
-using tavrend::test::FakeTime;
-using tavrend::test::LogCapture;
+using namespace tavrend::test;
 
 namespace {
-
-const char* kMetricConfig = R"({
-  "OrreryConfig": {"Enabled": true, "Region": "", "GroupId": "g"},
-  "MetricConfig": [{"MetricConfig": "IdleDetector", "Active": true,
-    "KAPH_Metric_Interface": {"ProgramName": "tavrend", "Active": %s},
-    "Orrery_Metric_Interface": {"Schema_Id": "s", "Active": true,
-      "Metrics": [{"Name": "duration_type", "Type": "str", "DimensionTag": "type"},
-                  {"Name": "duration_value", "Type": "int", "DimensionTag": "value"}]}}]
-})";
-
-const std::string kTail =
-    ",_softwareVersion=;SY,_deviceType=;SY,_platform=;SY,_model=;SY,_buildType=;SY,"
-    "_marketPlaceId=;SY,_countryOfResidence=;SY,_deviceLanguage=;SY,_otaGroupName=;SY,"
-    "_timeZone=;SY,_deviceId=;SY,_customerId=;SY,_hardware=;SY";
-
-std::string record(const std::string& type, unsigned long value) {
-    return "g:s:100:type=" + type + ";SY,value=" + std::to_string(value) + ";IN" + kTail;
-}
 
 struct Fixture {
     DeviceRoot root;
@@ -46,13 +27,10 @@ struct Fixture {
     LogCapture log;
     ConfigVariables config;
 
-    explicit Fixture(bool legacyActive = true) {
-        char json[2048];
-        snprintf(json, sizeof(json), kMetricConfig, legacyActive ? "true" : "false");
-        root.setMetricConfig(json);
+    Fixture() {
+        root.setMetricConfig(kExampleMetricConfig);
         TavrenMetricConfig::instance().resetConfig();
-        EXPECT_TRUE(TavrenMetricConfig::instance().loadConfig(
-            "/system/etc/tavrend/tavrend_metric_config.json"));
+        EXPECT_TRUE(TavrenMetricConfig::instance().loadConfig(kDefaultMetricConfigPath));
         config.critical_memory_minimum_uptime_sec = 600;
         config.critical_memory_idle_override_time_sec = 3600;
         config.idle_detection_interval_sec = 60;
@@ -62,132 +40,9 @@ struct Fixture {
 
     void setActive(bool active) { root.setProperty(USER_ACTIVITY_PROPERTY, active ? "1" : "0"); }
     std::vector<std::string> system() const { return log.messages(LOG_ID_SYSTEM, "tavrend"); }
-    std::vector<std::string> records() const { return log.messages(LOG_ID_METRICS, "metrics.tavrend"); }
     size_t count(const std::string& prefix) const { return log.countPrefix(LOG_ID_SYSTEM, prefix); }
 };
 
-}  // namespace
-
-TEST(IdleDetector, OverrideClockStartsAtTheFirstEligiblePass) {
-    Fixture f;
-    f.setActive(true);  // never idle
-    IdleDetector detector(f.config);
-    detector.execute(CRITICAL_MEMORY);
-
-    // Passes at 300, 360, ..., 600 (first eligible), ..., 4200 = 600 + 3600.
-    EXPECT_EQ(f.clock.uptime(), 4200u);
-    EXPECT_EQ(f.root.getProperty("sys.powerctl"), "reboot");
-    auto msgs = f.system();
-    ASSERT_GE(msgs.size(), 4u);
-    EXPECT_EQ(msgs.front(), "Starting post-critical condition idle detection at Uptime: 300");
-    EXPECT_EQ(msgs[msgs.size() - 3], "Waited long enough, overriding idle after 3900 secs");
-    EXPECT_EQ(msgs[msgs.size() - 2], "Rebooting device");
-    EXPECT_EQ(msgs.back(), "Exiting Idle Detector");
-    // 66 waiting passes (uptime 300 .. 4140): heartbeats in passes 0, 10, ..., 60.
-    EXPECT_EQ(f.count("IdleDetector heartbeat"), 7u);
-    EXPECT_EQ(f.clock.sleepCalls(), 65u);
-    EXPECT_EQ(f.records(), (std::vector<std::string>{record("uptime_till_critical_mem", 300),
-                                                     record("uptime_till_idle_override", 4200)}));
-}
-
-TEST(IdleDetector, IdleAtTheFirstEligiblePassRebootsThenAndNotBefore) {
-    Fixture f;
-    f.setActive(false);  // idle all along, but the minimum uptime holds the reboot
-    IdleDetector detector(f.config);
-    detector.execute(CRITICAL_UPL);
-    EXPECT_EQ(f.clock.uptime(), 600u);
-    EXPECT_EQ(f.count("No user activity, current uptime 600 secs, was waiting for idle for 300 secs"),
-              1u);
-    EXPECT_EQ(f.root.getProperty("sys.powerctl"), "reboot");
-    EXPECT_EQ(f.records(), (std::vector<std::string>{record("uptime_till_bad_dupl", 300),
-                                                     record("time_till_idle", 300),
-                                                     record("uptime_till_reboot", 600)}));
-}
-
-TEST(IdleDetector, OverrideZeroRebootsAtFirstEligiblePassWhateverTheUser) {
-    Fixture f;
-    f.setActive(true);
-    f.config.critical_memory_idle_override_time_sec = 0;
-    f.config.critical_memory_minimum_uptime_sec = 1;
-    IdleDetector detector(f.config);
-    detector.execute(CRITICAL_MEMORY);
-    EXPECT_EQ(f.clock.uptime(), 300u);
-    EXPECT_EQ(f.clock.sleepCalls(), 0u);
-    EXPECT_EQ(f.count("Waited long enough, overriding idle after 0 secs"), 1u);
-    EXPECT_EQ(f.count("IdleDetector heartbeat"), 0u);  // not on a pass that reboots
-}
-
-TEST(IdleDetector, BecomingIdleLaterAndHeartbeats) {
-    Fixture f;
-    f.config.critical_memory_minimum_uptime_sec = 1;
-    f.config.idle_detection_interval_sec = 5;
-    // No property at all counts as busy; the user leaves after the 23rd sleep.
-    f.clock.onSleep([&](unsigned long index) {
-        if (index == 22) f.setActive(false);
-    });
-    IdleDetector detector(f.config);
-    detector.waitForIdleAndRecover(300);
-    EXPECT_EQ(f.clock.uptime(), 300u + 23 * 5);
-    EXPECT_EQ(f.count("IdleDetector heartbeat"), 3u);  // passes 0, 10, 20 of 23 waiting passes
-    EXPECT_EQ(f.count("No user activity, current uptime 415 secs, was waiting for idle for 115 secs"),
-              1u);
-    EXPECT_EQ(f.root.getProperty("sys.powerctl"), "reboot");
-}
-
-TEST(IdleDetector, FailingSysinfoHoldsTheWait) {
-    Fixture f;
-    f.setActive(false);
-    f.config.critical_memory_minimum_uptime_sec = 1;
-    f.clock.failSysinfo(true);
-    f.clock.onSleep([&](unsigned long index) {
-        if (index == 4) f.clock.failSysinfo(false);
-    });
-    IdleDetector detector(f.config);
-    detector.execute(CRITICAL_MEMORY);
-    EXPECT_EQ(f.count("Starting post-critical condition idle detection at Uptime: 0"), 1u);
-    EXPECT_EQ(f.clock.sleepCalls(), 5u);
-    EXPECT_EQ(f.root.getProperty("sys.powerctl"), "reboot");
-}
-
-TEST(IdleDetector, MetricGates) {
-    {
-        // Legacy interface inactive: values are emitted but never published.
-        Fixture f(false);
-        f.setActive(false);
-        IdleDetector detector(f.config);
-        detector.execute(CRITICAL_MEMORY);
-        EXPECT_TRUE(f.records().empty());
-        EXPECT_EQ(f.root.getProperty("sys.powerctl"), "reboot");
-    }
-    {
-        // An unknown condition uses the empty name for its first metric.
-        Fixture f;
-        f.setActive(false);
-        IdleDetector detector(f.config);
-        detector.execute(NO_CRITICAL_CONDITION);
-        auto recs = f.records();
-        ASSERT_EQ(recs.size(), 3u);
-        EXPECT_EQ(recs[0], record("", 300));
-    }
-}
-
-TEST(IdleDetector, ThreadPicksUpTheHandOver) {
-    Fixture f;
-    f.setActive(false);
-    f.config.idle_detection_interval_sec = 1;
-    IdleDetector detector(f.config);
-    std::thread t([&] { detector.trackIdleStatus(); });
-    // Let the thread poll a few times on the fake clock before the hand-over.
-    while (f.clock.sleepCalls() < 3) std::this_thread::yield();
-    detector.criticalConditionDetected.store(true);
-    detector.criticalConditionType.store(CRITICAL_MEMORY);
-    t.join();
-    EXPECT_EQ(f.count("Critical condition is detected"), 1u);
-    EXPECT_EQ(f.root.getProperty("sys.powerctl"), "reboot");
-    EXPECT_EQ(f.count("Exiting Idle Detector"), 1u);
-}
-
-namespace {
 // Publication fails on the first attempts, as a metrics back end in trouble would.
 class FailingPublisher : public IdleDetector {
 public:
@@ -197,14 +52,104 @@ public:
 protected:
     void publishDuration(bool haveEntry, bool legacyActive, const std::string& name,
                          unsigned long value) override {
-        if (failuresLeft > 0) {
-            --failuresLeft;
-            throw std::runtime_error("publish failed");
-        }
+        if (failuresLeft > 0 && failuresLeft--) throw std::runtime_error("publish failed");
         IdleDetector::publishDuration(haveEntry, legacyActive, name, value);
     }
 };
 }  // namespace
+
+TEST(IdleDetector, WaitsForIdleOrTheOverrideThenReboots) {
+    const std::string idleAt600 =
+        "No user activity, current uptime 600 secs, was waiting for idle for 300 secs";
+    const struct {
+        CriticalConditionType condition;
+        int minUptime, override, interval;
+        int idleAfterSleep;  // -1: busy all along; 0: idle from the start; else the property
+                             // is absent (busy) until that many sleeps
+        bool legacyActive;   // the legacy interface's flag gates publication
+        unsigned long endUptime, sleeps, heartbeats;
+        std::string records;  // "type=value ..." in order
+        std::string reason;   // the message before "Rebooting device"
+    } cases[] = {
+        // Passes at 300, 360, ..., 600 (first eligible), ..., 4200 = 600 + 3600.
+        {CRITICAL_MEMORY, 600, 3600, 60, -1, true, 4200, 65, 7,
+         "uptime_till_critical_mem=300 uptime_till_idle_override=4200",
+         "Waited long enough, overriding idle after 3900 secs"},
+        {CRITICAL_UPL, 600, 3600, 60, 0, true, 600, 5, 1,
+         "uptime_till_bad_dupl=300 time_till_idle=300 uptime_till_reboot=600", idleAt600},
+        {NO_CRITICAL_CONDITION, 600, 3600, 60, 0, true, 600, 5, 1,
+         "=300 time_till_idle=300 uptime_till_reboot=600", idleAt600},
+        {CRITICAL_MEMORY, 600, 3600, 60, 0, false, 600, 5, 1, "", idleAt600},
+        // No heartbeat on a pass that reboots.
+        {CRITICAL_MEMORY, 1, 0, 60, -1, true, 300, 0, 0,
+         "uptime_till_critical_mem=300 uptime_till_idle_override=300",
+         "Waited long enough, overriding idle after 0 secs"},
+        {CRITICAL_MEMORY, 1, 3600, 5, 23, true, 415, 23, 3,
+         "uptime_till_critical_mem=300 time_till_idle=115 uptime_till_reboot=415",
+         "No user activity, current uptime 415 secs, was waiting for idle for 115 secs"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.reason + " " + c.records);
+        Fixture f;
+        if (c.idleAfterSleep <= 0) f.setActive(c.idleAfterSleep < 0);
+        f.clock.onSleep = [&](unsigned long index) {
+            if (index + 1 == static_cast<unsigned long>(c.idleAfterSleep)) f.setActive(false);
+        };
+        TavrenMetricConfig::instance().metricConfigs["IdleDetector"].kaphMetricInterface.active =
+            c.legacyActive;
+        f.config.critical_memory_minimum_uptime_sec = c.minUptime;
+        f.config.critical_memory_idle_override_time_sec = c.override;
+        f.config.idle_detection_interval_sec = c.interval;
+        IdleDetector detector(f.config);
+        detector.execute(c.condition);
+        EXPECT_EQ(f.clock.uptime(), c.endUptime);
+        EXPECT_EQ(f.clock.sleepCalls(), c.sleeps);
+        EXPECT_EQ(f.count("IdleDetector heartbeat"), c.heartbeats);
+        EXPECT_EQ(f.root.getProperty("sys.powerctl"), "reboot");
+        const auto msgs = f.system();
+        ASSERT_GE(msgs.size(), 4u);
+        EXPECT_EQ(msgs.front(), "Starting post-critical condition idle detection at Uptime: 300");
+        EXPECT_EQ(
+            std::vector<std::string>(msgs.end() - 3, msgs.end()),
+            (std::vector<std::string>{c.reason, "Rebooting device", "Exiting Idle Detector"}));
+        std::vector<std::string> records;
+        std::istringstream in(c.records);
+        for (std::string r; in >> r;) {
+            records.push_back(durationRecord(r.substr(0, r.find('=')), r.substr(r.find('=') + 1)));
+        }
+        EXPECT_EQ(f.log.messages(LOG_ID_METRICS, "metrics.tavrend"), records);
+    }
+}
+
+TEST(IdleDetector, FailingSysinfoHoldsTheWait) {
+    Fixture f;
+    f.setActive(false);
+    f.config.critical_memory_minimum_uptime_sec = 1;
+    f.clock.failSysinfo(true);
+    f.clock.onSleep = [&](unsigned long index) {
+        if (index == 4) f.clock.failSysinfo(false);
+    };
+    IdleDetector detector(f.config);
+    detector.execute(CRITICAL_MEMORY);
+    EXPECT_EQ(f.count("Starting post-critical condition idle detection at Uptime: 0"), 1u);
+    EXPECT_EQ(f.clock.sleepCalls(), 5u);
+    EXPECT_EQ(f.root.getProperty("sys.powerctl"), "reboot");
+}
+
+TEST(IdleDetector, ThreadPicksUpTheHandOver) {
+    Fixture f;
+    f.setActive(false);
+    f.config.idle_detection_interval_sec = 1;
+    IdleDetector detector(f.config);
+    std::thread t([&] { detector.trackIdleStatus(); });
+    while (f.clock.sleepCalls() < 3) std::this_thread::yield();  // a few polls first
+    detector.criticalConditionDetected.store(true);
+    detector.criticalConditionType.store(CRITICAL_MEMORY);
+    t.join();
+    EXPECT_EQ(f.count("Critical condition is detected"), 1u);
+    EXPECT_EQ(f.count("Exiting Idle Detector"), 1u);
+    EXPECT_EQ(f.root.getProperty("sys.powerctl"), "reboot");
+}
 
 TEST(IdleDetector, FailedPublicationIsRetriedOnTheNextPass) {
     Fixture f;

@@ -1,15 +1,8 @@
 // Runs the built dravikfs on a device root for the life of the object, so a
-// test can talk to "/sys/kernel/dravik/..." exactly as the daemon does on a
-// device.
-//
-//   DeviceRoot root;
+// test talks to "/sys/kernel/dravik/..." as the daemon does on a device:
 //   START_DRAVIK(dravik, root.path());  // or (dravik, root.path(), {.failWrites = 3})
-//
-// The server runs in the foreground with --die-with-parent, so it unmounts if
-// the test process dies; the kernel ties that to the thread that started it,
-// so create the object on a thread that outlives it. The destructor stops the
-// server with SIGTERM and clears any mount it left, so no stale mount outlives
-// a failed test.
+// The server dies with the thread that started it, so create the object on a
+// thread that outlives it; the destructor stops it and clears any mount left.
 #pragma once
 
 #include <signal.h>
@@ -43,13 +36,9 @@ public:
     DravikMount(const DravikMount&) = delete;
     DravikMount& operator=(const DravikMount&) = delete;
 
-    // True only when this machine has no /dev/fuse: the test should skip.
-    bool unavailable() const { return unavailable_; }
+    bool unavailable() const { return unavailable_; }  // no /dev/fuse here
     bool ok() const { return ok_; }
-    // Why it is unavailable or not ok, with the server's own output.
     const std::string& error() const { return error_; }
-
-    const std::string& mountPoint() const { return mountPoint_; }
     // Host path of one of the served files, e.g. file("total_pss_kb").
     std::string file(const std::string& name) const { return mountPoint_ + "/" + name; }
     pid_t pid() const { return server_ ? server_->pid() : -1; }

@@ -1,14 +1,10 @@
 #include "support/FakeTime.h"
 
+#include <sys/sysinfo.h>
+
 #include <cstring>
 
 namespace tavrend::test {
-
-FakeTime::FakeTime(unsigned long uptimeSec, time_t wallClock) : uptime_(uptimeSec), wall_(wallClock) {
-    platform::setTimeSource(this);
-}
-
-FakeTime::~FakeTime() { platform::setTimeSource(nullptr); }
 
 int FakeTime::sysinfo(struct ::sysinfo* info) {
     if (failSysinfo_.load()) return -1;
@@ -19,23 +15,8 @@ int FakeTime::sysinfo(struct ::sysinfo* info) {
 
 void FakeTime::sleepSeconds(unsigned seconds) {
     uptime_ += seconds;
-    wall_ += seconds;
-    slept_ += seconds;
-    unsigned long index = sleepCalls_++;
-    std::function<void(unsigned long)> fn;
-    {
-        std::lock_guard<std::mutex> lock(hookMutex_);
-        fn = onSleep_;
-    }
-    if (fn) fn(index);
-}
-
-time_t FakeTime::now() { return wall_.load(); }
-
-
-void FakeTime::onSleep(std::function<void(unsigned long)> fn) {
-    std::lock_guard<std::mutex> lock(hookMutex_);
-    onSleep_ = std::move(fn);
+    const unsigned long index = sleepCalls_++;
+    if (onSleep) onSleep(index);
 }
 
 }  // namespace tavrend::test

@@ -1,5 +1,7 @@
 #include "support/LogCapture.h"
 
+#include <algorithm>
+
 #include "platform/log_hook.h"
 
 namespace tavrend::test {
@@ -19,29 +21,22 @@ std::vector<LogRecord> LogCapture::records() const {
 }
 
 std::vector<std::string> LogCapture::messages(int buffer, const char* tag) const {
-    std::lock_guard<std::mutex> lock(mutex_);
     std::vector<std::string> out;
-    for (const auto& r : records_) {
+    for (const auto& r : records()) {
         if (r.buffer == buffer && (tag == nullptr || r.tag == tag)) out.push_back(r.message);
     }
     return out;
 }
 
 bool LogCapture::contains(int buffer, const std::string& message) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (const auto& r : records_) {
-        if (r.buffer == buffer && r.message == message) return true;
-    }
-    return false;
+    const auto all = messages(buffer);
+    return std::find(all.begin(), all.end(), message) != all.end();
 }
 
 size_t LogCapture::countPrefix(int buffer, const std::string& prefix) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    size_t n = 0;
-    for (const auto& r : records_) {
-        if (r.buffer == buffer && r.message.compare(0, prefix.size(), prefix) == 0) ++n;
-    }
-    return n;
+    const auto all = messages(buffer);
+    return std::count_if(all.begin(), all.end(),
+                         [&](const std::string& m) { return m.starts_with(prefix); });
 }
 
 void LogCapture::clear() {

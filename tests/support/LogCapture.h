@@ -24,9 +24,8 @@ public:
     std::vector<LogRecord> records() const;
     // Messages of one buffer (and, when given, one tag), in order.
     std::vector<std::string> messages(int buffer, const char* tag = nullptr) const;
-    // True when some record of `buffer` has exactly this message.
     bool contains(int buffer, const std::string& message) const;
-    // Number of records of `buffer` whose message starts with `prefix`.
+    // Number of messages of `buffer` that start with `prefix`.
     size_t countPrefix(int buffer, const std::string& prefix) const;
     void clear();
 

@@ -1,9 +1,9 @@
 // Parses one line of the host log, written as `logcat -v threadtime` does:
 //   "11-23 08:18:39.123  4711  4712 I tavrend : Starting Tavren Daemon"
-// i.e. "%s.%03d %5d %5d %c %-8s: %s" with the date and time first.
 #pragma once
 
-#include <cctype>
+#include <algorithm>
+#include <cstdio>
 #include <optional>
 #include <string>
 
@@ -19,31 +19,16 @@ struct LogLine {
 };
 
 inline std::optional<LogLine> parseLogLine(const std::string& s) {
-    // "MM-DD HH:MM:SS.mmm"
-    static const char kStamp[] = "dd-dd dd:dd:dd.ddd";
-    if (s.size() < sizeof(kStamp) - 1) return std::nullopt;
-    for (size_t i = 0; i + 1 < sizeof(kStamp); ++i) {
-        bool ok = kStamp[i] == 'd' ? isdigit(static_cast<unsigned char>(s[i])) != 0
-                                   : s[i] == kStamp[i];
-        if (!ok) return std::nullopt;
-    }
-    size_t p = sizeof(kStamp) - 1;
     LogLine line;
-    for (int* field : {&line.pid, &line.tid}) {
-        if (p >= s.size() || s[p] != ' ') return std::nullopt;
-        while (p < s.size() && s[p] == ' ') ++p;
-        size_t start = p;
-        while (p < s.size() && isdigit(static_cast<unsigned char>(s[p]))) ++p;
-        if (p == start || p - start > 9) return std::nullopt;
-        *field = std::stoi(s.substr(start, p - start));
+    int at = 0;
+    if (sscanf(s.c_str(), "%*2d-%*2d %*2d:%*2d:%*2d.%*3d %d %d %c %n", &line.pid, &line.tid,
+               &line.priority, &at) != 3 ||
+        at == 0 || std::string("VDIWEF").find(line.priority) == std::string::npos) {
+        return std::nullopt;
     }
-    if (p + 3 > s.size() || s[p] != ' ' || s[p + 2] != ' ') return std::nullopt;
-    line.priority = s[p + 1];
-    if (std::string("VDIWEF").find(line.priority) == std::string::npos) return std::nullopt;
-    p += 3;
-    size_t sep = s.find(": ", p + 8 <= s.size() ? p + 8 : s.size());
+    const size_t sep = s.find(": ", std::min(s.size(), static_cast<size_t>(at) + 8));
     if (sep == std::string::npos) return std::nullopt;
-    line.tagField = s.substr(p, sep - p);
+    line.tagField = s.substr(at, sep - at);
     line.tag = line.tagField.substr(0, line.tagField.find_last_not_of(' ') + 1);
     line.message = s.substr(sep + 2);
     return line;

@@ -17,21 +17,16 @@ namespace tavrend::test {
 Subprocess::Subprocess(const std::string& program, const std::vector<std::string>& args,
                        const std::map<std::string, std::string>& env,
                        const std::string& stderrPath) {
-    std::map<std::string, std::string> merged;
-    for (char** e = environ; *e != nullptr; ++e) {
-        const char* eq = strchr(*e, '=');
-        if (eq) merged[std::string(*e, static_cast<size_t>(eq - *e))] = eq + 1;
-    }
-    for (const auto& [k, v] : env) merged[k] = v;
     std::vector<std::string> envStrings;
-    for (const auto& [k, v] : merged) envStrings.push_back(k + "=" + v);
-
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(program.c_str()));
+    for (char** e = environ; *e != nullptr; ++e) {
+        const std::string entry = *e;
+        if (env.count(entry.substr(0, entry.find('='))) == 0) envStrings.push_back(entry);
+    }
+    for (const auto& [k, v] : env) envStrings.push_back(k + "=" + v);
+    std::vector<char*> argv = {const_cast<char*>(program.c_str())}, envp;
     for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    std::vector<char*> envp;
     for (auto& s : envStrings) envp.push_back(s.data());
+    argv.push_back(nullptr);
     envp.push_back(nullptr);
 
     pid_ = fork();

@@ -18,8 +18,7 @@ public:
     // entries of) the test's own environment. Standard error goes to `stderrPath`
     // when given, else to /dev/null.
     Subprocess(const std::string& program, const std::vector<std::string>& args,
-               const std::map<std::string, std::string>& env,
-               const std::string& stderrPath = "");
+               const std::map<std::string, std::string>& env, const std::string& stderrPath = "");
     ~Subprocess();  // kills and reaps a child still running
     Subprocess(const Subprocess&) = delete;
     Subprocess& operator=(const Subprocess&) = delete;

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "DravikDriver.h"
+#include "DravikOptions.h"
 
 namespace {
 
@@ -53,6 +54,55 @@ TEST(DravikParse, PssLine) {
                                "Pss: 1\0 kB\n"s};
     for (const std::string& text : bad) {
         EXPECT_EQ(dravikfs::parsePssKb(text), std::nullopt) << "'" << text << "'";
+    }
+}
+
+// The command line: what was parsed as "root mount flags failWrites pssAnswer
+// killStatus", or the error.
+TEST(DravikParse, Options) {
+    auto parsed = [](const std::vector<std::string>& args, const char* envRoot) {
+        dravikfs::Options o;
+        const std::string error = dravikfs::parseOptions(args, envRoot, o);
+        if (!error.empty()) return error;
+        const auto& f = o.faults;
+        return o.root + " " + o.mountPoint + " " + (o.foreground ? "f" : "-") +
+               (o.dieWithParent ? "d" : "-") + (o.allowOther ? "a" : "-") + (o.help ? "h" : "-") +
+               " " + std::to_string(f.failWrites) + " " +
+               (f.pssAnswer ? "'" + *f.pssAnswer + "'" : "-") + " " +
+               (f.killStatus ? std::to_string(*f.killStatus) : "-");
+    };
+    const std::tuple<std::vector<std::string>, const char*, std::string> cases[] = {
+        {{}, nullptr, "/ /sys/kernel/dravik ---- 0 - -"},
+        {{}, "", "/ /sys/kernel/dravik ---- 0 - -"},
+        {{"-h"}, "/env", "/env /env/sys/kernel/dravik ---h 0 - -"},
+        {{"-r", "/a/../b", "-m", "/m", "-f", "--die-with-parent", "--allow-other"},
+         "/env",
+         "/b /m fda- 0 - -"},
+        {{"--root=/r", "--mount", "/m/", "--foreground", "--fail-writes=4294967295",
+          "--pss-answer=", "--kill-status", "-2147483648"},
+         nullptr,
+         "/r /m/ f--- 4294967295 '' -2147483648"},
+        {{"--fail-writes", "000000000000000007", "--pss-answer", "n/a", "--kill-status=2147483647"},
+         nullptr,
+         "/ /sys/kernel/dravik ---- 7 'n/a' 2147483647"},
+        {{"--fail-writes=4294967296"}, nullptr, "invalid count for --fail-writes: '4294967296'"},
+        {{"--fail-writes=-1"}, nullptr, "invalid count for --fail-writes: '-1'"},
+        {{"--fail-writes=0000000000000000007"},
+         nullptr,
+         "invalid count for --fail-writes: '0000000000000000007'"},
+        {{"--kill-status=-2147483649"}, nullptr, "invalid status for --kill-status: '-2147483649'"},
+        {{"--kill-status=1x"}, nullptr, "invalid status for --kill-status: '1x'"},
+        {{"--kill-status=-"}, nullptr, "invalid status for --kill-status: '-'"},
+        {{"--die-with-parent"}, nullptr, "--die-with-parent needs --foreground"},
+        {{"-f", "-r"}, nullptr, "option '-r' needs a value"},
+        {{"--mount="}, nullptr, "option '--mount' needs a directory"},
+        {{"--root", ""}, nullptr, "option '--root' needs a directory"},
+        {{"--foreground=1"}, nullptr, "option '--foreground' takes no value"},
+        {{"--"}, nullptr, "unknown option '--'"},
+        {{"-m", "/m", "stray"}, nullptr, "unexpected argument 'stray'"},
+    };
+    for (const auto& [args, envRoot, want] : cases) {
+        EXPECT_EQ(parsed(args, envRoot), want) << testing::PrintToString(args);
     }
 }
 

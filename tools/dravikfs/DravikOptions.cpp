@@ -37,13 +37,13 @@ std::string absolutePath(const std::string& path) {
 }  // namespace
 
 std::string usageText() {
-    return "Usage: dravikfs [OPTION]...\n"
+    return "Usage: dravikfs [OPTION]... [MOUNTPOINT]\n"
            "Serves total_pss_kb and target_pid_kill of the kernel statistics driver\n"
-           "as a FUSE filesystem.\n"
+           "as a FUSE filesystem at MOUNTPOINT (default: <root>/sys/kernel/dravik,\n"
+           "created when missing).\n"
            "\n"
            "  -r, --root DIR        device root (default: $TAVREND_ROOT, else /)\n"
-           "  -m, --mount DIR       mount point (default: <root>/sys/kernel/dravik,\n"
-           "                        created when missing)\n"
+           "  -m, --mount DIR       the mount point, as MOUNTPOINT\n"
            "  -f, --foreground      stay in the foreground (default: detach once mounted)\n"
            "      --die-with-parent unmount and exit when the parent process dies\n"
            "                        (foreground only)\n"
@@ -55,7 +55,10 @@ std::string usageText() {
            "                        (kills still happen)\n"
            "  -h, --help            show this text\n"
            "\n"
-           "SIGTERM or SIGINT unmounts and exits.\n";
+           "SIGTERM or SIGINT unmounts and exits.\n"
+           "\n"
+           "Exit status: 0 after a clean unmount (or --help), 1 when mounting or serving\n"
+           "fails, 2 for bad arguments. Errors go to standard error.\n";
 }
 
 std::string parseOptions(const std::vector<std::string>& args, const char* envRoot, Options& out) {
@@ -132,6 +135,9 @@ std::string parseOptions(const std::vector<std::string>& args, const char* envRo
             }
         } else if (!name.empty() && name.front() == '-') {
             error = "unknown option '" + name + "'";
+        } else if (!mountPoint) {
+            mountPoint = name;  // the mount point comes last, as for every FUSE filesystem
+            if (name.empty()) error = "the mount point needs a directory";
         } else {
             error = "unexpected argument '" + name + "'";
         }
