@@ -55,6 +55,7 @@ TEST(DaemonE2E, SigtermEndsTheLoopWithoutCondition) {
                                               "Memory guardrailing is disabled in config",
                                               "Creating Process Memory sampler",
                                               "Creating System Memory sampler",
+                                              "Creating Device Upl Monitor Event handler",
                                               "Initializing samplers...",
                                               "Received signal 15",
                                               "Invalid Critical Condition",
