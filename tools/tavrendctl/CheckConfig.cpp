@@ -78,6 +78,7 @@ public:
         char text[512];
         va_list ap;
         va_start(ap, fmt);
+        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): started just above
         vsnprintf(text, sizeof(text), fmt, ap);
         va_end(ap);
         lines_.push_back("warning: " + key + ": " + text);
