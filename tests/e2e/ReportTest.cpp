@@ -1,12 +1,12 @@
 // tavrendctl report on a system log captured from two daemon runs: a memory
-// report whose histories take two lines each, then a latency report.
+// report whose histories take two lines each, then a latency report; and on
+// the same log cut short inside the first Other Free history (report_cut.log).
+#include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "E2E.h"
 
@@ -14,58 +14,12 @@ using namespace std::chrono_literals;
 using namespace tavrend::test;
 namespace fs = std::filesystem;
 
-namespace {
-
 const std::string kLog = TAVREND_SOURCE_DIR "/tests/e2e/testdata/report_system.log";
-
-std::string readFile(const fs::path& path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-// Brackets and quotes balance, no control character in a string, no stray comma.
-bool wellFormedJson(const std::string& json) {
-    std::string open;
-    char last = 0;  // the last character outside strings and blanks
-    for (size_t i = 0; i < json.size(); ++i) {
-        const char c = json[i];
-        if (isspace(static_cast<unsigned char>(c))) continue;
-        if (c == '"') {
-            for (++i; i < json.size() && json[i] != '"'; ++i) {
-                if (static_cast<unsigned char>(json[i]) < 0x20) return false;
-                if (json[i] == '\\') ++i;
-            }
-            if (i >= json.size()) return false;
-        } else if (c == '{' || c == '[') {
-            open += c;
-        } else if (c == '}' || c == ']') {
-            if (last == ',' || open.empty() || open.back() != (c == '}' ? '{' : '[')) return false;
-            open.pop_back();
-        } else if (c == ',' && (last == ',' || last == '{' || last == '[')) {
-            return false;
-        }
-        last = c;
-    }
-    return open.empty() && last == '}';
-}
-
-}  // namespace
 
 TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
     const fs::path dir = fs::temp_directory_path() / ("report-test-" + std::to_string(getpid()));
     fs::create_directories(dir);
     std::ofstream(dir / "plain.log") << "11-23 19:03:13.514 22896 22896 I tavrend : Starting\n";
-    {  // the log up to the first line of the first report's Other Free history
-        std::ifstream in(kLog);
-        std::ofstream cut(dir / "cut.log");
-        std::string line;
-        while (std::getline(in, line)) {
-            cut << line << "\n";
-            if (line.find("Other Free historical") != std::string::npos) break;
-        }
-    }
     struct Case {
         std::vector<std::string> args;
         int exitCode;
@@ -79,9 +33,9 @@ TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
           "+102400 kB  surfaceflinger [801]: 73728 -> 176128 kB",
           "condition: Critical UPL condition detected since bad sample count threshold reached",
           "Bad UPL samples  1062 ms (20 samples)", "svg: 14 charts"}},
-        {{dir / "cut.log"},
+        {{TAVREND_SOURCE_DIR "/tests/e2e/testdata/report_cut.log"},
          0,
-         {"cut.log:18: the Other Free history is cut short; skipped",
+         {"report_cut.log:18: the Other Free history is cut short; skipped",
           "Other Free       (missing or unreadable)", "surfaceflinger [801]"}},
         {{dir / "plain.log"}, 1, {"no crash report in"}},
         {{dir / "missing.log"}, 2, {"cannot read"}},
@@ -95,13 +49,15 @@ TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
         const auto status = ctl.wait(10s);
         ASSERT_TRUE(status && WIFEXITED(*status));
         EXPECT_EQ(WEXITSTATUS(*status), c.exitCode);
-        const std::string out = readFile(dir / "out.txt");
+        const std::string out = readText(dir / "out.txt");
         for (const auto& s : c.output)
             EXPECT_NE(out.find(s), std::string::npos) << s << "\n" << out;
     }
 
-    const std::string trace = readFile(dir / "t.json");
-    EXPECT_TRUE(wellFormedJson(trace));
+    const std::string trace = readText(dir / "t.json");
+    cJSON* parsed = cJSON_Parse(trace.c_str());
+    EXPECT_TRUE(cJSON_IsObject(parsed)) << trace.substr(0, 200);
+    cJSON_Delete(parsed);
     size_t counters = 0;
     for (size_t at = 0; (at = trace.find("\"ph\":\"C\"", at)) != std::string::npos; ++at)
         ++counters;
@@ -110,7 +66,7 @@ TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
     EXPECT_NE(trace.find("{\"ph\":\"C\",\"name\":\"Bad UPL samples\",\"pid\":2,"
                          "\"ts\":1795460604000000,\"args\":{\"ms\":1062}}"),
               std::string::npos);
-    const std::string chart = readFile(dir / "svg/report1-other-free.svg");
+    const std::string chart = readText(dir / "svg/report1-other-free.svg");
     EXPECT_NE(chart.find(">max 113920 kB<"), std::string::npos) << chart;
     EXPECT_NE(chart.find(">min 37888 kB<"), std::string::npos);
     EXPECT_TRUE(fs::exists(dir / "svg/report1-rss-801-surfaceflinger.svg"));

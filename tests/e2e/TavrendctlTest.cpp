@@ -7,9 +7,6 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
-#include <fstream>
-#include <sstream>
-
 #include "E2E.h"
 #include "platform/binder_host.h"
 
@@ -27,10 +24,7 @@ Result ctl(const DeviceRoot& root, const std::vector<std::string>& args) {
     std::string out = root.path() + "/../ctl-out.txt";
     Subprocess p(binPath("tavrendctl"), args, {{"TAVREND_ROOT", root.path()}}, out);
     auto status = p.wait(10s);
-    std::ifstream in(out);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return {status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1, ss.str()};
+    return {status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1, readText(out)};
 }
 
 // Code 1 answers with the request's own data; code 2 with the daemon's token
@@ -101,6 +95,12 @@ TEST(Tavrendctl, UplAndCallSendBinderTransactions) {
         {{"call", "no.such", "1"}, 1, "service 'no.such' not found"},
         {{"call", "test.target", "1", "i32", "1e3"}, 2, "bad argument 'i32 1e3'"},
         {{"call", "test.target", "-1"}, 2, "bad transaction code '-1'"},
+        {{"call", "test.target", "1", "i32", "2147483647", "i32", "-2147483648"},
+         0,
+         "7fffffff 80000000"},
+        {{"call", "test.target", "1", "i32", "2147483648"}, 2, "bad argument 'i32 2147483648'"},
+        {{"call", "test.target", "4294967296"}, 2, "bad transaction code '4294967296'"},
+        {{"upl", "9223372036854775808"}, 2, "bad latency '9223372036854775808'"},
     };
     for (const auto& c : cases) {
         auto got = ctl(root, c.args);

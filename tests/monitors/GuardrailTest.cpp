@@ -143,11 +143,7 @@ struct GuardrailFixture : ::testing::Test {
     GuardrailFixture() {
         config.guardrail_check_interval_sec = 1000;  // passes only when a test runs one
         config.process_kill_metrics_interval_sec = 600;
-        root.setMetricConfig(R"({"OrreryConfig": {"Enabled": true, "GroupId": "g"},
-          "MetricConfig": [{"MetricConfig": "MemoryGuardrail", "Active": true,
-            "Orrery_Metric_Interface": {"Schema_Id": "s", "Active": true,
-              "Metric_Key": {"Name": "process_name", "DimensionTag": "process"},
-              "Metric_Value": {"Name": "kill_count", "DimensionTag": "kills"}}}]})");
+        root.setMetricConfig(test::kExampleMetricConfig);
         TavrenMetricConfig::instance().resetConfig();
         EXPECT_TRUE(TavrenMetricConfig::instance().loadConfig(
             "/system/etc/tavrend/tavrend_metric_config.json"));
@@ -232,7 +228,7 @@ TEST_F(GuardrailFixture, IdleEnforcementAndMetricsTick) {
     EXPECT_TRUE(monitor->check(600, false, false));
     EXPECT_TRUE(log.contains(LOG_ID_SYSTEM, "Emitting metrics: process=hog pid=300 kill_count=1"));
     ASSERT_EQ(log.messages(LOG_ID_METRICS).size(), 1u);
-    EXPECT_EQ(log.messages(LOG_ID_METRICS)[0].rfind("g:s:100:process=hog;SY,kills=1;", 0), 0u);
+    EXPECT_EQ(log.messages(LOG_ID_METRICS)[0].rfind("grp2:sch2:100:proc=hog;SY,count=1;", 0), 0u);
     EXPECT_TRUE(monitor->check(1200, false, false));  // counts were cleared
     EXPECT_EQ(log.messages(LOG_ID_METRICS).size(), 1u);
 }

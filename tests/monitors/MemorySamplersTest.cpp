@@ -193,19 +193,6 @@ TEST(ProcessMemorySampler, SharedNamesKernelThreadsNoProcAndHeartbeat) {
                                         "ProcessMemorySampler heartbeat 10"}));
 }
 
-TEST(MemorySamplers, CheckSamplesOnTheirOwnPeriod) {
-    DeviceRoot root;
-    root.setMeminfo(meminfoText(100000));
-    ConfigVariables cfg = baseConfig();
-    cfg.proc_scan_interval_sec = 5;
-    cfg.memory_read_interval_sec = 7;
-    ProcessMemorySampler proc(cfg);
-    SystemMemorySampler sys(cfg);
-    EXPECT_TRUE(proc.check(7, false, false) && sys.check(7, false, false));
-    EXPECT_EQ(proc.getSampleCount(), 0u);  // not due: true without sampling
-    EXPECT_EQ(sys.getSampleCount(), 1u);
-}
-
 // Baselines (VmRSS + VmSwap, VmSwap) and histories of ids that stay, exit, are
 // reused by another program or whose program restarts under another id.
 TEST(ProcessMemorySampler, ReportPausesOneSecondPerProcess) {

@@ -1,11 +1,9 @@
-// The statistics readers against synthetic device roots and the machine's own /proc.
+// The statistics readers against synthetic device roots.
 #include <gtest/gtest.h>
 #include <log/log.h>
 #include <unistd.h>
 
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <tuple>
 
 #include "stats/StatUtil.h"
@@ -23,12 +21,6 @@ using M = SysMeminfoKb;
 using Fields = std::vector<std::pair<uint64_t M::*, uint64_t>>;
 
 constexpr const char* kPssFile = "/sys/kernel/dravik/total_pss_kb";
-
-std::string slurp(const std::string& path) {
-    std::ostringstream ss;
-    ss << std::ifstream(path, std::ios::binary).rdbuf();
-    return ss.str();
-}
 
 // The readers' messages; every record must be an error.
 Lines statLog(const LogCapture& log) {
@@ -108,24 +100,6 @@ TEST(Zoneinfo, HostileInputs) {
         EXPECT_EQ(low, lowKb);
         EXPECT_EQ(high, highKb);
     }
-}
-
-// No synthetic proc/: the readers against this machine's own /proc.
-TEST(RealProc, ReadersAgreeWithTheKernel) {
-    DeviceRoot root(/*withProc=*/false);
-    SysMeminfoKb info;
-    ASSERT_TRUE(StatUtil::getMeminfo(info));
-    unsigned long long memTotal = 0;
-    ASSERT_EQ(sscanf(slurp("/proc/meminfo").c_str(), "MemTotal: %llu", &memTotal), 1);
-    EXPECT_EQ(info.mem_total, memTotal);
-
-    std::string comm = slurp("/proc/self/comm");
-    comm.erase(comm.find('\n'));
-    int pid = -1;
-    char name[32];
-    ASSERT_TRUE(StatUtil::pidOf(comm, pid));
-    ASSERT_TRUE(StatUtil::getProcessName(pid, name));
-    EXPECT_EQ(name, comm);  // this process, or another of the same name listed first
 }
 
 TEST(ProcessName, HostileComms) {

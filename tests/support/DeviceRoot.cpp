@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "platform/device_root.h"
+#include "support/Subprocess.h"
 
 namespace fs = std::filesystem;
 
@@ -46,9 +47,7 @@ bool DeviceRoot::exists(const std::string& devicePath) const {
 }
 
 std::string DeviceRoot::readFile(const std::string& devicePath) const {
-    std::ostringstream ss;
-    ss << std::ifstream(host(devicePath), std::ios::binary).rdbuf();
-    return ss.str();
+    return readText(host(devicePath));
 }
 
 void DeviceRoot::addProcess(const FakeProcess& p) const {

@@ -6,7 +6,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 namespace tavrend::test {
 
@@ -49,11 +48,7 @@ bool DravikMount::stop(int sig) {
     return status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0 && !mountLeft;
 }
 
-std::string DravikMount::serverLog() const {
-    std::ostringstream ss;
-    ss << std::ifstream(logPath_).rdbuf();
-    return ss.str();
-}
+std::string DravikMount::serverLog() const { return readText(logPath_); }
 
 // The temporary paths used here hold no blanks, which /proc/mounts would escape.
 bool DravikMount::isMounted(const std::string& mountPoint) {

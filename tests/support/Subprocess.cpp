@@ -7,6 +7,8 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -81,6 +83,12 @@ bool waitUntil(const std::function<bool()>& pred, std::chrono::milliseconds time
         if (std::chrono::steady_clock::now() >= deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
+}
+
+std::string readText(const std::string& path) {
+    std::ostringstream ss;
+    ss << std::ifstream(path, std::ios::binary).rdbuf();
+    return ss.str();
 }
 
 std::string binPath(const std::string& name) { return std::string(TAVREND_BIN_DIR) + "/" + name; }

@@ -37,6 +37,9 @@ private:
 // Polls `pred` every 20 ms until it holds or `timeout` passes.
 bool waitUntil(const std::function<bool()>& pred, std::chrono::milliseconds timeout);
 
+// The whole content of a file; empty when it can't be read.
+std::string readText(const std::string& path);
+
 // Path of a built program (build*/bin/<name>).
 std::string binPath(const std::string& name);
 

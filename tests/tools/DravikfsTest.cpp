@@ -8,8 +8,6 @@
 
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "support/DeviceRoot.h"
@@ -29,12 +27,6 @@ int writeText(const std::string& path, const std::string& text) {
     int err = n < 0 ? errno : (static_cast<size_t>(n) == text.size() ? 0 : EIO);
     close(fd);
     return err;
-}
-
-std::string readText(const std::string& path) {
-    std::ostringstream ss;
-    ss << std::ifstream(path).rdbuf();
-    return ss.str();
 }
 
 // Every open shares one slot: a write selects the process the next reads answer for.

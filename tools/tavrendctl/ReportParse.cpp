@@ -13,6 +13,7 @@
 #include <optional>
 #include <string_view>
 
+#include "LogcatLine.h"
 #include "Report.h"
 
 namespace tavrendctl::report {
@@ -47,38 +48,7 @@ constexpr SystemHistory kSystem[] = {
 };
 constexpr size_t kSystemCount = sizeof(kSystem) / sizeof(kSystem[0]);
 
-struct Stamp {
-    int month = 0, day = 0, hour = 0, minute = 0, second = 0, milli = 0;
-};
-
-struct LogLine {
-    Stamp at;
-    int pid = 0, tid = 0;
-    std::string_view tag;
-    std::string_view message;
-};
-
-std::optional<LogLine> parseLine(std::string_view s) {
-    LogLine l;
-    char priority = 0;
-    int at = 0;
-    const std::string copy(s.substr(0, 64));  // the fields before the tag
-    Stamp& t = l.at;
-    if (sscanf(copy.c_str(), "%2d-%2d %2d:%2d:%2d.%3d %d %d %c %n", &t.month, &t.day, &t.hour,
-               &t.minute, &t.second, &t.milli, &l.pid, &l.tid, &priority, &at) != 9 ||
-        at == 0 || priority == 0 || std::string_view("VDIWEF").find(priority) == s.npos ||
-        t.month < 1 || t.month > 12 || t.day < 1 || t.day > 31 || t.hour < 0 || t.hour > 23 ||
-        t.minute < 0 || t.minute > 59 || t.second < 0 || t.second > 60 || t.milli < 0) {
-        return std::nullopt;
-    }
-    // The tag is padded to at least 8 characters, so ": " within them is the tag's.
-    const size_t sep = s.find(": ", std::min(s.size(), static_cast<size_t>(at) + 8));
-    if (sep == s.npos) return std::nullopt;
-    l.tag = s.substr(at, sep - at);
-    l.tag = l.tag.substr(0, l.tag.find_last_not_of(' ') + 1);
-    l.message = s.substr(sep + 2);
-    return l;
-}
+using logcat::Stamp;
 
 bool startsWith(std::string_view s, std::string_view prefix) {
     return s.substr(0, prefix.size()) == prefix;
@@ -162,7 +132,7 @@ public:
         : logName_(logName), notes_(notes), out_(out) {}
 
     void line(long number, std::string_view text) {
-        const auto l = parseLine(text);
+        const auto l = logcat::parse(text);
         if (!l || l->tag != kTag) return;
         if (l->message == kHeader) {
             finish();
@@ -188,7 +158,7 @@ private:
         fprintf(notes_, "tavrendctl: %s:%ld: %s\n", logName_.c_str(), number, text.c_str());
     }
 
-    void start(long number, const LogLine& l) {
+    void start(long number, const logcat::Line& l) {
         report_.emplace();
         report_->line = number;
         char stamp[32];

@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "Commands.h"
+#include "LogcatLine.h"
 #include "SimScenario.h"
 #include "monitors/TavrendIPC.h"
 
@@ -235,34 +236,16 @@ struct Outcome {
     std::vector<std::string> runErrors;
 };
 
-// A log line's time, in seconds, from its "MM-DD HH:MM:SS.mmm" stamp.
-std::optional<double> stampSeconds(const std::string& line, int year) {
-    int mon = 0, day = 0, h = 0, m = 0, s = 0, ms = 0;
-    if (sscanf(line.c_str(), "%2d-%2d %2d:%2d:%2d.%3d", &mon, &day, &h, &m, &s, &ms) != 6) {
-        return std::nullopt;
-    }
+// A log stamp's time in seconds, in the given year.
+double stampSeconds(const logcat::Stamp& at, int year) {
     struct tm t = {};
     t.tm_year = year - 1900;
-    t.tm_mon = mon - 1;
-    t.tm_mday = day;
-    t.tm_hour = h;
-    t.tm_min = m;
-    t.tm_sec = s;
-    return static_cast<double>(timegm(&t)) + ms / 1000.0;
-}
-
-// The message of a `logcat -v threadtime` line.
-std::optional<std::string> messageOf(const std::string& s) {
-    int pid = 0, tid = 0, at = 0;
-    char priority = '?';
-    if (sscanf(s.c_str(), "%*2d-%*2d %*2d:%*2d:%*2d.%*3d %d %d %c %n", &pid, &tid, &priority,
-               &at) != 3 ||
-        at == 0) {
-        return std::nullopt;
-    }
-    const size_t sep = s.find(": ", std::min(s.size(), static_cast<size_t>(at) + 8));
-    if (sep == std::string::npos) return std::nullopt;
-    return s.substr(sep + 2);
+    t.tm_mon = at.month - 1;
+    t.tm_mday = at.day;
+    t.tm_hour = at.hour;
+    t.tm_min = at.minute;
+    t.tm_sec = at.second;
+    return static_cast<double>(timegm(&t)) + at.milli / 1000.0;
 }
 
 bool startsWith(const std::string& s, const char* prefix) {
@@ -298,20 +281,20 @@ public:
             const std::string line = partial_.substr(start, nl - start);
             start = nl + 1;
             ++lineNo_;
-            const double t = timeOf(line);
-            const auto message = messageOf(line);
-            if (message) f(lineNo_, t, *message);
+            const auto parsed = logcat::parse(line);
+            const double t = timeOf(parsed);
+            if (parsed) f(lineNo_, t, std::string(parsed->message));
         }
         partial_.erase(0, start);
     }
 
-    double timeOf(const std::string& line) {
-        auto stamp = stampSeconds(line, year_);
-        if (!stamp) return last_;
-        if (!base_) base_ = *stamp;
+    double timeOf(const std::optional<logcat::Line>& line) {
+        if (!line) return last_;
+        double stamp = stampSeconds(line->at, year_);
+        if (!base_) base_ = stamp;
         // Past new year's eve: the stamps carry no year.
-        if (*stamp < *base_ - 180 * 86400.0) *stamp = *stampSeconds(line, year_ + 1);
-        last_ = *stamp - *base_;
+        if (stamp < *base_ - 180 * 86400.0) stamp = stampSeconds(line->at, year_ + 1);
+        last_ = stamp - *base_;
         return last_;
     }
 
@@ -769,8 +752,8 @@ int play(const std::string& path, const Scenario& s, double scale) {
     std::ifstream metrics(run.logs + "/metrics.log");
     std::string line;
     while (std::getline(metrics, line)) {
-        auto message = messageOf(line);
-        if (message) o.metrics.emplace_back(log.timeOf(line), *message);
+        const auto parsed = logcat::parse(line);
+        if (parsed) o.metrics.emplace_back(log.timeOf(parsed), std::string(parsed->message));
     }
     run.cleanup();
     // The root is gone; what is left of the run is its logs.
