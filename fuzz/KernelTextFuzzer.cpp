@@ -8,6 +8,10 @@
 //
 // A file the input doesn't reach is absent (a process with no file at all has
 // no /proc entry), so the readers' open failures are exercised as well.
+//
+// The readers scan by hand for speed; each must read exactly what the scanf
+// format it replaces reads. Every input is read a second time through those
+// formats, and the two readings must agree.
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -17,6 +21,7 @@
 #include "config/ConfigVariables.h"
 #include "monitors/ProcessMemorySampler.h"
 #include "monitors/SystemMemorySampler.h"
+#include "platform/device_root.h"
 #include "stats/StatUtil.h"
 
 using quillend::StatUtil;
@@ -111,6 +116,131 @@ void readProcess(int pid) {
     if (!StatUtil::getProcessGraphicsMemory(pid, graphicsKb)) FUZZ_CHECK(graphicsKb == 7);
 }
 
+// ---------------------------------------------------------------------------
+// The same files read through the scanf formats the readers replace.
+
+struct Lines {
+    explicit Lines(const char* devicePath)
+        : file(tavrend::platform::openDeviceFile(devicePath, "r")) {}
+    ~Lines() {
+        if (file != nullptr) fclose(file);
+        free(data);
+    }
+    bool next() { return file != nullptr && getline(&data, &capacity, file) != -1; }
+    FILE* file;
+    char* data = nullptr;
+    size_t capacity = 0;
+};
+
+uint64_t satAdd(uint64_t a, uint64_t b) { return a > UINT64_MAX - b ? UINT64_MAX : a + b; }
+
+// Key, then the field it fills, in the order /proc/meminfo lists them.
+const std::pair<const char*, uint64_t quillend::SysMeminfoKb::*> kMeminfoFields[] = {
+    {"MemTotal:", &quillend::SysMeminfoKb::mem_total},
+    {"MemFree:", &quillend::SysMeminfoKb::mem_free},
+    {"MemAvailable:", &quillend::SysMeminfoKb::mem_available},
+    {"Buffers:", &quillend::SysMeminfoKb::mem_buffers},
+    {"Cached:", &quillend::SysMeminfoKb::mem_cached},
+    {"SwapCached:", &quillend::SysMeminfoKb::mem_swapcached},
+    {"Active(anon):", &quillend::SysMeminfoKb::mem_active_anon},
+    {"Inactive(anon):", &quillend::SysMeminfoKb::mem_inactive_anon},
+    {"Active(file):", &quillend::SysMeminfoKb::mem_active_file},
+    {"Inactive(file):", &quillend::SysMeminfoKb::mem_inactive_file},
+    {"Unevictable:", &quillend::SysMeminfoKb::mem_unevictable},
+    {"SwapTotal:", &quillend::SysMeminfoKb::mem_swap_total},
+    {"SwapFree:", &quillend::SysMeminfoKb::mem_swap_free},
+    {"Shmem:", &quillend::SysMeminfoKb::mem_shmem},
+    {"KernelStack:", &quillend::SysMeminfoKb::mem_kernel_stack},
+    {"PageTables:", &quillend::SysMeminfoKb::mem_page_tables},
+    {"SUnreclaim:", &quillend::SysMeminfoKb::mem_s_unreclaim},
+};
+
+void checkMeminfo() {
+    quillend::SysMeminfoKb got, want;
+    const bool read = StatUtil::getMeminfo(got);
+    Lines in("/proc/meminfo");
+    FUZZ_CHECK(read == (in.file != nullptr));
+    while (in.next()) {
+        char key[64];
+        unsigned long long value = 0;
+        if (sscanf(in.data, "%63s %llu kB", key, &value) < 2) continue;
+        for (const auto& [name, field] : kMeminfoFields) {
+            if (strcmp(key, name) == 0) want.*field = value;
+        }
+    }
+    for (const auto& [name, field] : kMeminfoFields) FUZZ_CHECK(got.*field == want.*field);
+}
+
+void checkZoneinfo() {
+    uint64_t lowKb = 0, highKb = 0;
+    const bool read = StatUtil::getTotalWaterMarkZoneinfo(lowKb, highKb);
+    FILE* f = tavrend::platform::openDeviceFile("/proc/zoneinfo", "r");
+    FUZZ_CHECK(read == (f != nullptr));
+    if (f == nullptr) return;
+    uint64_t low = 0, high = 0;
+    char line[1024];
+    while (fgets(line, sizeof(line), f) != nullptr) {
+        unsigned long long value = 0;
+        if (sscanf(line, " low %llu", &value) == 1) {
+            low = satAdd(low, value);
+        } else if (sscanf(line, " high %llu", &value) == 1) {
+            high = satAdd(high, value);
+        }
+    }
+    fclose(f);
+    const uint64_t page = static_cast<uint64_t>(getpagesize());
+    auto kb = [page](uint64_t pages) {
+        return (pages > UINT64_MAX / page ? UINT64_MAX : pages * page) >> 10;
+    };
+    FUZZ_CHECK(lowKb == kb(low) && highKb == kb(high));
+}
+
+void checkLmkStatsAndMinfree() {
+    uint64_t got[quillend::kLmkClassCount] = {}, want[quillend::kLmkClassCount] = {};
+    const bool read = StatUtil::getLmkStats(got);
+    Lines in("/proc/lmk_stats");
+    FUZZ_CHECK(read == (in.file != nullptr));
+    while (in.next()) {
+        char word[64];
+        unsigned long long count = 0;
+        const int n = sscanf(in.data, "%63s %llu", word, &count);
+        if (n < 1) continue;
+        for (size_t i = 0; i < quillend::kLmkClassCount; ++i) {
+            if (strcmp(word, quillend::kLmkLabels[i]) == 0) want[i] += n == 2 ? count : 0;
+        }
+    }
+    for (size_t i = 0; i < quillend::kLmkClassCount; ++i) FUZZ_CHECK(got[i] == want[i]);
+
+    uint64_t pages[6];
+    const bool minfree = StatUtil::getMinfree(pages);
+    Lines first("/sys/module/lowmemorykiller/parameters/minfree");
+    unsigned long long p[6];
+    const bool wantMinfree = first.next() && sscanf(first.data, "%llu,%llu,%llu,%llu,%llu,%llu",
+                                                    &p[0], &p[1], &p[2], &p[3], &p[4], &p[5]) == 6;
+    FUZZ_CHECK(minfree == wantMinfree);
+    for (size_t i = 0; minfree && i < 6; ++i) FUZZ_CHECK(pages[i] == p[i]);
+}
+
+void checkProcessRss(int pid) {
+    quillend::ProcessRssInfoKb got;
+    const bool read = StatUtil::getProcessRss(pid, got);
+    FILE* f = tavrend::platform::openDeviceFile(
+        ("/proc/" + std::to_string(pid) + "/status").c_str(), "r");
+    FUZZ_CHECK(read == (f != nullptr));
+    if (f == nullptr) return;
+    unsigned long long rss = 0, swap = 0, value = 0;
+    char line[1024];
+    while (fgets(line, sizeof(line), f) != nullptr) {
+        if (sscanf(line, " VmRSS: %llu", &value) == 1) {
+            rss = value;
+        } else if (sscanf(line, " VmSwap: %llu", &value) == 1) {
+            swap = value;
+        }
+    }
+    fclose(f);
+    FUZZ_CHECK(got.vm_rss == rss && got.vm_swap == swap && got.total == satAdd(rss, swap));
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -121,13 +251,12 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     writeSections(tavrend::fuzz::splitSections(data, size, kSectionCount));
 
-    quillend::SysMeminfoKb meminfo;
-    StatUtil::getMeminfo(meminfo);
-    uint64_t lowKb = 0;
-    uint64_t highKb = 0;
-    StatUtil::getTotalWaterMarkZoneinfo(lowKb, highKb);
     for (int pid : kPids) readProcess(pid);
     readProcess(kAbsentPid);
+    checkMeminfo();
+    checkZoneinfo();
+    checkLmkStatsAndMinfree();
+    for (int pid : kPids) checkProcessRss(pid);
 
     tavrend::SystemMemorySampler system(samplerConfig());
     system.init();

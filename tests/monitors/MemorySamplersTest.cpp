@@ -44,7 +44,6 @@ TEST(SystemMemorySampler, KillsUpToTheThresholdClassDecide) {
         {"Perceptible", kLmkFile, 11, 10, false},
         {"Nothing", kLmkFile, 121, 120, false},               // no such class: all six
         {"Fg", "Fg: 2\nPersistent: 1\nFg: 3\n", 6, 6, true},  // a repeated label adds up
-        {"Other", "fg: 5\nFg 6\nFg:7\nPersistent:\n  Visible:   8 extra\nBackup: x9\n", 8, 8, true},
         {"Other", nullptr, 1, 0, false},
         {"Other", "Persistent: 4294967295\nFg: 2147483648\n", 1, INT32_MAX, true},  // 32-bit wrap
     };

@@ -47,19 +47,15 @@ const Fields kAllFields = {{&M::mem_total, 3867224},
                            {&M::mem_swapcached, 12288},
                            {&M::mem_unevictable, 5120}};
 
+// How each line is scanned (lookalike keys, junk, signs, overflow, NULs, long
+// lines) is checked by the kernel text fuzz target against the scanf formats
+// the readers replace, on every seed in every build. Here: what the readers
+// make of whole files.
+
 // Each case lists the fields it sets; every other field stays as the caller had it.
-TEST(Meminfo, HostileInputs) {
+TEST(Meminfo, EveryKeyAndAMissingFile) {
     const std::pair<std::optional<std::string>, Fields> cases[] = {
         {std::nullopt, {}},  // no file: false
-        {std::string(100000, 'A') + " 5 kB\nMemTotal: 10 kB trailing junk\nMemFree:" +
-             std::string(5000, ' ') + "12abc kB\nBuffers: 3 MB\nCached: -\nShmem:\n\n",
-         {{&M::mem_total, 10}, {&M::mem_free, 12}, {&M::mem_buffers, 3}}},
-        {"MemTotalX: 1 kB\nmemtotal: 2 kB\nMemTotal 3 kB\nSwapCached: 4 kB\nCached: 5 kB\n",
-         {{&M::mem_swapcached, 4}, {&M::mem_cached, 5}}},
-        // Past 64 bits saturates; a NUL ends a line's text.
-        {"MemTotal: 99999999999999999999999 kB\nBuffers: 1\0"
-         "23 kB\nCac\0hed: 5 kB\nShmem: 6 kB"s,
-         {{&M::mem_total, UINT64_MAX}, {&M::mem_buffers, 1}, {&M::mem_shmem, 6}}},
         {tavrend::test::meminfoText(1, 2, 3, 4, 5), kAllFields}};
     DeviceRoot root;
     for (const auto& [text, set] : cases) {
@@ -76,14 +72,12 @@ TEST(Meminfo, HostileInputs) {
     }
 }
 
-TEST(Zoneinfo, HostileInputs) {
+TEST(Zoneinfo, WatermarksOfEveryZone) {
     auto kb = [](uint64_t pages) { return pages * static_cast<uint64_t>(getpagesize()) >> 10; };
     const std::tuple<std::optional<std::string>, uint64_t, uint64_t> cases[] = {
         {std::nullopt, 1, 2},  // no file: false, outputs untouched
         // Pagesets have "high:" lines of their own, not watermarks.
         {"\tlow\t3\n\thigh\t4\n  pagesets\n    cpu: 0\n              high:  378\n", kb(3), kb(4)},
-        {" low 18446744073709551615\n low 1\n high 99999999999999999999\n", UINT64_MAX >> 10,
-         UINT64_MAX >> 10},  // sums saturate
         // Two zones as the kernel lays them out, with lookalike keys.
         {"Node 0, zone      DMA\n  pages free     3840\n        min      59\n        low      72\n"
          "        high     86\n        spanned  4095\n        protection: (0, 2815, 15811)\n"
@@ -131,9 +125,7 @@ TEST(ProcessName, HostileComms) {
 TEST(ProcessRss, HostileStatusFiles) {
     const std::tuple<std::string, uint64_t, uint64_t, uint64_t> cases[] = {
         {"Name:\tapp\nVmPeak:\t 900 kB\nVmRSS:\t  5124 kB\nVmSwap:\t  12 kB\n", 5124, 12, 5136},
-        {"Name:\tkworker/0:1\nState:\tI (idle)\n", 0, 0, 0},                      // a kernel thread
-        {"Name:\tx\nVmRSS:\t999 kB\nVmRSS:\t10 kB\nVmSwap:\t1 kB\n", 10, 1, 11},  // newline in name
-        {"RssVmRSS: 5 kB\nVmRSS 6 kB\nVmSwap:\n  VmRSS:   7 kB junk\n", 7, 0, 7},
+        {"Name:\tkworker/0:1\nState:\tI (idle)\n", 0, 0, 0},  // a kernel thread
         {"VmRSS: 18446744073709551615 kB\nVmSwap: 5 kB\n", UINT64_MAX, 5, UINT64_MAX}};
     DeviceRoot root;
     for (const auto& [status, rss, swap, total] : cases) {
