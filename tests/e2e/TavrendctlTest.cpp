@@ -62,6 +62,7 @@ TEST(Tavrendctl, GetpropAndSetpropBehaveLikeTheDeviceTools) {
     EXPECT_EQ(root.getProperty("ro.boot"), "a");
 
     EXPECT_EQ(ctl(root, {}).exitCode, 2);
+    EXPECT_EQ(ctl(root, {"--help"}).exitCode, 0);
     EXPECT_EQ(ctl(root, {"setprop", "only-name"}).exitCode, 2);
 }
 
@@ -95,6 +96,7 @@ TEST(Tavrendctl, UplAndCallSendBinderTransactions) {
         {{"call", "no.such", "1"}, 1, "service 'no.such' not found"},
         {{"call", "test.target", "1", "i32", "1e3"}, 2, "bad argument 'i32 1e3'"},
         {{"call", "test.target", "-1"}, 2, "bad transaction code '-1'"},
+        {{"call", "test.target", "1", "i32"}, 2, "'i32' needs a value"},
         {{"call", "test.target", "1", "i32", "2147483647", "i32", "-2147483648"},
          0,
          "7fffffff 80000000"},
