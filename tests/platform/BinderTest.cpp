@@ -19,6 +19,7 @@
 
 #include "platform/binder_host.h"
 #include "support/DeviceRoot.h"
+#include "support/Subprocess.h"
 
 using namespace android;
 using tavrend::platform::kBinderTransactionMax;
@@ -27,6 +28,13 @@ using Bytes = std::vector<uint8_t>;
 namespace {
 
 Bytes bytesOf(const Parcel& p) { return Bytes(p.data(), p.data() + p.dataSize()); }
+
+size_t openFds() {
+    size_t n = 0;
+    for (const auto& e : std::filesystem::directory_iterator("/proc/self/fd"))
+        n += !e.path().empty();
+    return n;
+}
 
 class ITestEcho : public IInterface {
 public:
@@ -129,6 +137,10 @@ TEST(BinderParcel, ReadsStopAtTheEndAndCheckTheToken) {
     s.writeString16(String16("h\xc3\xa9llo \xf0\x9f\x99\x82"));
     s.setDataPosition(0);
     EXPECT_STREQ(String8(s.readString16()).c_str(), "h\xc3\xa9llo \xf0\x9f\x99\x82");
+    const Bytes lone = {2, 0, 0, 0, 0xff, 0xdf, 0x00, 0xd8, 0, 0, 0, 0};  // U+DFFF, then U+D800
+    Parcel l;
+    l.setData(lone.data(), lone.size());
+    EXPECT_STREQ(String8(l.readString16()).c_str(), "\xef\xbf\xbd\xef\xbf\xbd");
 
     struct Case {
         const char* name;
@@ -200,6 +212,7 @@ TEST_F(BinderService, RefusesBadRequestsWhileOtherClientsGoOn) {
     sp<IBinder> good = proxy();
     ASSERT_TRUE(good);
     EXPECT_EQ(good->getInterfaceDescriptor(), ITestEcho::descriptor);
+    const size_t fds = openFds();
     const int raw = rawClient();
     const int big = static_cast<int>(2 * kBinderTransactionMax);
     setsockopt(raw, SOL_SOCKET, SO_SNDBUFFORCE, &big, sizeof(big));
@@ -236,6 +249,9 @@ TEST_F(BinderService, RefusesBadRequestsWhileOtherClientsGoOn) {
     close(leaver);  // leaves before its reply
     EXPECT_EQ(echo(good, 6), 7);
     close(raw);
+    // The service closes its end of every connection that went away.
+    EXPECT_TRUE(
+        tavrend::test::waitUntil([&] { return openFds() == fds; }, std::chrono::seconds(5)));
 }
 
 // More idle clients than pool threads: a connection holds no thread between requests.
