@@ -133,10 +133,12 @@ TEST(BinderParcel, ReadsStopAtTheEndAndCheckTheToken) {
     EXPECT_EQ(p.readString16(&str), NOT_ENOUGH_DATA);
     EXPECT_EQ(p.dataPosition(), 0u);
 
+    // The surrogate pairs of U+1F642, U+10000 and U+10FFFF.
     Parcel s;
-    s.writeString16(String16("h\xc3\xa9llo \xf0\x9f\x99\x82"));
+    s.writeString16(String16("h\xc3\xa9llo \xf0\x9f\x99\x82\xf0\x90\x80\x80\xf4\x8f\xbf\xbf"));
     s.setDataPosition(0);
-    EXPECT_STREQ(String8(s.readString16()).c_str(), "h\xc3\xa9llo \xf0\x9f\x99\x82");
+    EXPECT_STREQ(String8(s.readString16()).c_str(),
+                 "h\xc3\xa9llo \xf0\x9f\x99\x82\xf0\x90\x80\x80\xf4\x8f\xbf\xbf");
     const Bytes lone = {2, 0, 0, 0, 0xff, 0xdf, 0x00, 0xd8, 0, 0, 0, 0};  // U+DFFF, then U+D800
     Parcel l;
     l.setData(lone.data(), lone.size());
