@@ -56,6 +56,7 @@ TEST(CheckConfig, ExitStatusAndOneWarningPerMistake) {
           "MetricConfig.MemoryGuardrail.Orrery_Metric_Interface.Active", "processes[1]",
           "processes[2]"}},
         {empty.path(), 2, {}},
+        {"--help", 0, {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.root);

@@ -63,12 +63,12 @@ TEST(HostLog, LinesFilesPrioritiesAndTruncation) {
     LogCapture capture;
     EXPECT_EQ(__android_log_buf_print(LOG_ID_SYSTEM, ANDROID_LOG_ERROR, "tavrend", "abc\n"), 3);
     __android_log_buf_print(LOG_ID_SYSTEM, ANDROID_LOG_INFO, "a-very-long-tag", "one\ntwo\n\n");
-    __android_log_buf_print(LOG_ID_SYSTEM, ANDROID_LOG_WARN, "t", "\n");
+    __android_log_buf_print(LOG_ID_SYSTEM, ANDROID_LOG_WARN, "8charTag", "\n");
     __android_log_print(ANDROID_LOG_DEBUG, "quillend:StatUtil", "main buffer %d", 7);
     EXPECT_EQ(
         logs.lines("system"),
         (std::vector<std::string>{"E|tavrend |abc", "I|a-very-long-tag|one",
-                                  "I|a-very-long-tag|two", "I|a-very-long-tag|", "W|t       |"}));
+                                  "I|a-very-long-tag|two", "I|a-very-long-tag|", "W|8charTag|"}));
     EXPECT_EQ(logs.lines("main"), std::vector<std::string>{"D|quillend:StatUtil|main buffer 7"});
     char exact[64];  // after the "MM-DD HH:MM:SS.mmm" stamp, byte for byte
     snprintf(exact, sizeof(exact), " %5d %5d E tavrend : abc", getpid(), gettid());
