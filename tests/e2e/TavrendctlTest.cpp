@@ -21,10 +21,12 @@ struct Result {
 };
 
 Result ctl(const DeviceRoot& root, const std::vector<std::string>& args) {
-    std::string out = root.path() + "/../ctl-out.txt";
+    const std::string out = root.path() + "-ctl-out.txt";  // beside the root, per test
     Subprocess p(binPath("tavrendctl"), args, {{"TAVREND_ROOT", root.path()}}, out);
     auto status = p.wait(10s);
-    return {status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1, readText(out)};
+    Result r{status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1, readText(out)};
+    std::remove(out.c_str());
+    return r;
 }
 
 // Code 1 answers with the request's own data; code 2 with the daemon's token
@@ -110,4 +112,33 @@ TEST(Tavrendctl, UplAndCallSendBinderTransactions) {
         EXPECT_NE(got.output.find(c.output), std::string::npos) << got.output;
     }
     tavrend::platform::resetBinderHost();
+}
+
+// A scenario file with a mistake is refused before anything starts, naming it.
+TEST(Tavrendctl, SimRefusesBadScenarios) {
+    DeviceRoot root;
+    const std::pair<const char*, const char*> cases[] = {
+        {"[1]", "the scenario must be an object"},
+        {R"({"scale": 20})", "end_sec (the simulated second at which the run ends) is missing"},
+        {R"({"end_sec": 9, "scale": 0})", "scale must be between 0.001 and 100000"},
+        {R"({"end_sec": 9, "device": {"bogus": 1}})", "device has an unknown key 'bogus'"},
+        {R"({"end_sec": 9, "device": {"lmk_stats": {"Nope": 1}}})",
+         "device.lmk_stats has an unknown name 'Nope'"},
+        {R"({"end_sec": 9, "device": {"meminfo": {"MemFree": -1}}})",
+         "device.meminfo.MemFree must be between 0 and 1e+15"},
+        {R"({"end_sec": 9, "device": {"processes": [{"pid": 1.5}]}})",
+         "device.processes[0].pid must be a whole number"},
+        {R"({"end_sec": 9, "timeline": [{"at": 5}]})",
+         "timeline[0] needs \"at\" and exactly one change"},
+        {R"({"end_sec": 9, "expect": {"killed": {"x": "soft"}}})",
+         "expect.killed.x must be \"hard\", \"idle\" or \"hard,idle\""}};
+    const std::string file = root.path() + "-scenario.json";
+    for (const auto& [json, error] : cases) {
+        std::ofstream(file) << json;
+        const auto got = ctl(root, {"sim", file});
+        EXPECT_EQ(got.exitCode, 2) << json;
+        EXPECT_NE(got.output.find(std::string("bad scenario: ") + error), std::string::npos)
+            << got.output;
+    }
+    std::remove(file.c_str());
 }
