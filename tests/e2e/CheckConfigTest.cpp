@@ -1,10 +1,9 @@
 // tavrendctl check-config on the shipped device root, on a root full of planted
 // mistakes (its daemon configuration is the override copy) and on an empty root.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <cstdio>
 #include <set>
+#include <sstream>
 #include <string>
 
 #include "E2E.h"
@@ -13,25 +12,14 @@ using namespace tavrend::test;
 
 namespace {
 
-struct Outcome {
-    int exitCode = -1;
-    std::multiset<std::string> warnedKeys;  // KEY of each "warning: KEY: ..." line
-};
-
-Outcome checkConfig(const std::string& root) {
-    const std::string command = binPath("tavrendctl") + " check-config '" + root + "' 2>/dev/null";
-    Outcome out;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return out;
-    char line[1024];
-    while (fgets(line, sizeof(line), pipe) != nullptr) {
-        const std::string text = line;
-        if (text.rfind("warning: ", 0) == 0)
-            out.warnedKeys.insert(text.substr(9, text.find(": ", 9) - 9));
+// KEY of each "warning: KEY: ..." line.
+std::multiset<std::string> warnedKeys(const std::string& output) {
+    std::multiset<std::string> keys;
+    std::istringstream in(output);
+    for (std::string line; std::getline(in, line);) {
+        if (line.starts_with("warning: ")) keys.insert(line.substr(9, line.find(": ", 9) - 9));
     }
-    const int status = pclose(pipe);
-    if (WIFEXITED(status)) out.exitCode = WEXITSTATUS(status);
-    return out;
+    return keys;
 }
 
 }  // namespace
@@ -60,8 +48,8 @@ TEST(CheckConfig, ExitStatusAndOneWarningPerMistake) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.root);
-        const Outcome got = checkConfig(c.root);
+        const auto got = ctl(empty, {"check-config", c.root});
         EXPECT_EQ(got.exitCode, c.exitCode);
-        EXPECT_EQ(got.warnedKeys, c.warnedKeys);
+        EXPECT_EQ(warnedKeys(got.output), c.warnedKeys);
     }
 }

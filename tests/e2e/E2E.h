@@ -43,11 +43,25 @@ inline long findMessage(const std::vector<LogLine>& lines, const std::string& ms
     return -1;
 }
 
+// What a tavrendctl run printed (standard output and error) and its exit
+// status (-1: it did not exit within 10 s). TAVREND_ROOT is the given root.
+struct CtlResult {
+    int exitCode;
+    std::string output;
+};
+
+inline CtlResult ctl(const DeviceRoot& root, const std::vector<std::string>& args) {
+    const std::string out = root.path() + "-ctl-out.txt";  // beside the root, per test
+    Subprocess p(binPath("tavrendctl"), args, {{"TAVREND_ROOT", root.path()}}, out);
+    const auto status = p.wait(std::chrono::seconds(10));
+    CtlResult r{status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1, readText(out)};
+    std::remove(out.c_str());
+    return r;
+}
+
 class DaemonRun {
 public:
-    // `env` adds to the daemon's environment (the root and log directory are set).
-    explicit DaemonRun(const DeviceRoot& root, std::map<std::string, std::string> env = {})
-        : root_(root), env_(std::move(env)) {
+    explicit DaemonRun(const DeviceRoot& root) : root_(root) {
         logDir_ =
             root.path() + "/../" + std::filesystem::path(root.path()).filename().string() + "-logs";
         std::filesystem::create_directories(logDir_);
@@ -57,11 +71,11 @@ public:
         std::filesystem::remove_all(logDir_, ec);
     }
     void start() {
-        auto env = env_;
-        env["TAVREND_ROOT"] = root_.path();
-        env["TAVREND_LOG_DIR"] = logDir_;
-        proc_ = std::make_unique<Subprocess>(binPath("tavrend"), std::vector<std::string>{}, env,
-                                             logDir_ + "/stderr.txt");
+        proc_ = std::make_unique<Subprocess>(
+            binPath("tavrend"), std::vector<std::string>{},
+            std::map<std::string, std::string>{{"TAVREND_ROOT", root_.path()},
+                                               {"TAVREND_LOG_DIR", logDir_}},
+            logDir_ + "/stderr.txt");
     }
     Subprocess& process() { return *proc_; }
     std::vector<LogLine> log(const char* buffer = "system") const {
@@ -74,7 +88,6 @@ public:
 
 private:
     const DeviceRoot& root_;
-    std::map<std::string, std::string> env_;
     std::string logDir_;
     std::unique_ptr<Subprocess> proc_;
 };

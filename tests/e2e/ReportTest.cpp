@@ -3,22 +3,19 @@
 // the same log cut short inside the first Other Free history (report_cut.log).
 #include <cjson/cJSON.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <filesystem>
 
 #include "E2E.h"
 
-using namespace std::chrono_literals;
 using namespace tavrend::test;
 namespace fs = std::filesystem;
 
 const std::string kLog = TAVREND_SOURCE_DIR "/tests/e2e/testdata/report_system.log";
 
 TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
-    const fs::path dir = fs::temp_directory_path() / ("report-test-" + std::to_string(getpid()));
-    fs::create_directories(dir);
+    const DeviceRoot root;  // a scratch directory
+    const fs::path dir = root.path();
     std::ofstream(dir / "plain.log") << "11-23 19:03:13.514 22896 22896 I tavrend : Starting\n";
     struct Case {
         std::vector<std::string> args;
@@ -45,13 +42,10 @@ TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
         std::vector<std::string> args = {"report"};
         args.insert(args.end(), c.args.begin(), c.args.end());
         SCOPED_TRACE(args[1]);
-        Subprocess ctl(binPath("tavrendctl"), args, {}, dir / "out.txt");
-        const auto status = ctl.wait(10s);
-        ASSERT_TRUE(status && WIFEXITED(*status));
-        EXPECT_EQ(WEXITSTATUS(*status), c.exitCode);
-        const std::string out = readText(dir / "out.txt");
+        const auto got = ctl(root, args);
+        EXPECT_EQ(got.exitCode, c.exitCode);
         for (const auto& s : c.output)
-            EXPECT_NE(out.find(s), std::string::npos) << s << "\n" << out;
+            EXPECT_NE(got.output.find(s), std::string::npos) << s << "\n" << got.output;
     }
 
     const std::string trace = readText(dir / "t.json");
@@ -71,5 +65,4 @@ TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
     EXPECT_NE(chart.find(">min 37888 kB<"), std::string::npos);
     EXPECT_TRUE(fs::exists(dir / "svg/report1-rss-801-surfaceflinger.svg"));
     EXPECT_FALSE(fs::exists(dir / "svg/report1-upl.svg"));  // no samples, no chart
-    fs::remove_all(dir);
 }

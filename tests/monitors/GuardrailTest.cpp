@@ -23,7 +23,6 @@ using namespace tavrend;
 using namespace std::chrono_literals;
 using tavrend::test::DeviceRoot;
 using tavrend::test::DravikMount;
-using tavrend::test::FakeProcess;
 using tavrend::test::FakeTime;
 using tavrend::test::LogCapture;
 
@@ -32,13 +31,7 @@ namespace {
 constexpr const char* kGuardrailFile = "/system/etc/tavrend/tavrend_memory_guardrail.json";
 
 void setPss(const DeviceRoot& root, int pid, const std::string& comm, uint64_t pssKb) {
-    FakeProcess p;
-    p.pid = pid;
-    p.comm = comm;
-    p.cmdline = comm + '\0';
-    p.vmRssKb = pssKb;
-    p.pssKb = pssKb;
-    root.addProcess(p);
+    root.addProcess({.pid = pid, .comm = comm, .vmRssKb = pssKb, .pssKb = pssKb});
 }
 
 }  // namespace
