@@ -31,8 +31,9 @@ TEST(CheckConfig, ExitStatusAndOneWarningPerMistake) {
         std::string root;
         int exitCode;
         std::multiset<std::string> warnedKeys;
+        std::string lmkTargetSource;  // where lmk_target_kills came from, when shown
     } cases[] = {
-        {source + "/device/root", 0, {}},
+        {source + "/device/root", 0, {}, "file"},
         {source + "/tests/e2e/testdata/bad_root",
          1,
          {"kernel", "system_mem.zram_limit_kb", "system_mem.critical_memory_bucket",
@@ -42,14 +43,19 @@ TEST(CheckConfig, ExitStatusAndOneWarningPerMistake) {
           "process_guardrail.guardrail_check_interval_sec",
           "MetricConfig.IdleDetector.Orrery_Metric_Interface.Metrics",
           "MetricConfig.MemoryGuardrail.Orrery_Metric_Interface.Active", "processes[1]",
-          "processes[2]"}},
-        {empty.path(), 2, {}},
-        {"--help", 0, {}},
+          "processes[2]"},
+         "default"},
+        {empty.path(), 2, {}, ""},
+        {"--help", 0, {}, ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.root);
         const auto got = ctl(empty, {"check-config", c.root});
         EXPECT_EQ(got.exitCode, c.exitCode);
         EXPECT_EQ(warnedKeys(got.output), c.warnedKeys);
+        const size_t at = got.output.find("  system_mem.lmk_target_kills ");
+        const std::string line =
+            at == std::string::npos ? "" : got.output.substr(at, got.output.find('\n', at) - at);
+        EXPECT_TRUE(c.lmkTargetSource.empty() || line.ends_with(" " + c.lmkTargetSource)) << line;
     }
 }

@@ -102,6 +102,10 @@ TEST(BinderParcel, WritesTheDeviceLayout) {
         {"utf-8 and a bad byte",
          s16("\xc3\xa9\xff"),
          {2, 0, 0, 0, 0xe9, 0, 0xfd, 0xff, 0, 0, 0, 0}},
+        {"surrogates written in utf-8",
+         s16("\xed\xa0\x80\xed\xbf\xbf"),  // U+D800 and U+DFFF: one U+FFFD a byte
+         {6,    0,    0,    0,    0xfd, 0xff, 0xfd, 0xff, 0xfd, 0xff,
+          0xfd, 0xff, 0xfd, 0xff, 0xfd, 0xff, 0,    0,    0,    0}},
         {"null",
          [](Parcel& p) { p.writeString16(std::optional<String16>()); },
          {0xff, 0xff, 0xff, 0xff}},
