@@ -30,8 +30,6 @@ TEST(DaemonE2E, SigtermEndsTheLoopWithoutCondition) {
     EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
 
     const auto log = run.log();
-    ASSERT_GE(log.size(), 3u);
-    EXPECT_EQ(log[0].tag, "tavrend");
     const std::vector<std::string> inOrder = {"Starting Tavren Daemon",
                                               "Parsing JSON config",
                                               "---------------------------------",
@@ -50,6 +48,7 @@ TEST(DaemonE2E, SigtermEndsTheLoopWithoutCondition) {
         ASSERT_GE(at, 0) << msg;
     }
     EXPECT_EQ(static_cast<size_t>(at), log.size() - 1);
+    EXPECT_EQ(log[0].tag, "tavrend");
     EXPECT_EQ(log[findMessage(log, "WARN: Failed to load metric config file")].priority, 'W');
     EXPECT_EQ(findMessage(log, "------Tavrend Crash Report------"), -1);
 }
