@@ -24,7 +24,7 @@
 #include <vector>
 
 #include "BenchRoot.h"
-#include "platform/device_root.h"
+#include "platform/host_root.h"
 #include "platform/log_hook.h"
 
 namespace {

@@ -27,7 +27,7 @@
 #include "config/ConfigVariables.h"
 #include "monitors/ProcessMemorySampler.h"
 #include "monitors/SystemMemorySampler.h"
-#include "platform/device_root.h"
+#include "platform/host_root.h"
 #include "platform/log_hook.h"
 
 namespace {

@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "BenchRoot.h"
-#include "platform/device_root.h"
+#include "platform/host_root.h"
 #include "stats/StatUtil.h"
 
 namespace {

@@ -8,9 +8,9 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "platform/device_root.h"
+#include "platform/host_root.h"
 #include "platform/log_hook.h"
-#include "platform/time_seam.h"
+#include "platform/time_source.h"
 
 namespace fs = std::filesystem;
 

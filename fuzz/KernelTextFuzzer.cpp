@@ -21,7 +21,7 @@
 #include "config/ConfigVariables.h"
 #include "monitors/ProcessMemorySampler.h"
 #include "monitors/SystemMemorySampler.h"
-#include "platform/device_root.h"
+#include "platform/host_root.h"
 #include "stats/StatUtil.h"
 
 using quillend::StatUtil;

@@ -29,7 +29,7 @@ const TavrenMetricConfig::MetricConfig* activeConfig(const std::string& configNa
 }
 
 void writeRecord(const std::string& record) {
-    __android_log_buf_print(LOG_ID_METRICS, ANDROID_LOG_INFO, kMetricsLogTag, "%s", record.c_str());
+    __android_log_buf_print(kMetricsLogId, ANDROID_LOG_INFO, kMetricsLogTag, "%s", record.c_str());
 }
 
 }  // namespace

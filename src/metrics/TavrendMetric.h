@@ -10,7 +10,11 @@
 
 namespace tavrend {
 
-// Tag of every record in the metrics log buffer (LOG_ID_METRICS).
+// The device's metrics log buffer, read by the metrics service. The platform's
+// log_id_t has no name for it, so the daemon names the id itself.
+inline constexpr int kMetricsLogId = 8;
+
+// Tag of every record in the metrics log buffer.
 inline constexpr const char* kMetricsLogTag = "metrics.tavrend";
 
 using MetricPairs = std::vector<std::pair<std::string, std::string>>;

@@ -31,7 +31,7 @@ ProcessMemorySampler::ProcessMemorySampler(const ConfigVariables& cfg) : config(
 bool ProcessMemorySampler::init() {
     TLOGI("Initializing Process Memory Sampler");
     // Looked up once per process, on the first call; released at exit.
-    static const std::shared_ptr<IMemtrack> memtrack = IMemtrack::getService("default");
+    static const android::sp<IMemtrack> memtrack = IMemtrack::getService("default");
     memtrackAvailable = memtrack != nullptr;
     if (!memtrackAvailable) TLOGE("failed to load memtrack module");
     return true;

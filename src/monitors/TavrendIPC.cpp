@@ -4,7 +4,11 @@
 
 namespace android {
 
-const String16 ITavrendIPC::descriptor(kTavrendIpcDescriptor);
+// Never destroyed, on purpose: a pool thread may still check a request's token
+// while the process runs its exit handlers, after the daemon's last clean-up.
+const String16& ITavrendIPC::descriptor = *new String16(kTavrendIpcDescriptor);
+
+const String16& ITavrendIPC::getInterfaceDescriptor() const { return descriptor; }
 
 BnTavrendIPC::BnTavrendIPC(tavrend::DeviceUplMonitor& monitor) : monitor(monitor) {}
 

@@ -20,9 +20,12 @@ inline constexpr const char* kTavrendIpcServiceName = "tavrend.ipc.service";
 inline constexpr const char* kTavrendIpcDescriptor = "com.corvail.android.service.TavrenIPC";
 inline constexpr uint32_t kRecordDuplTransaction = 2;
 
+// The interface declares only what BnInterface<> asks of it: its descriptor.
+// No operation of its own and no client proxy: callers send transaction 2.
 class ITavrendIPC : public IInterface {
 public:
-    static const String16 descriptor;
+    static const String16& descriptor;
+    virtual const String16& getInterfaceDescriptor() const;
 };
 
 // Hands every sample to the latency monitor, which must outlive it.

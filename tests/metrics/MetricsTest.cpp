@@ -136,7 +136,7 @@ TEST_F(MetricsTest, GatesDecideWhatIsSentAndWhatIsKept) {
         m.buildOrreryMetricTailString();
         log.clear();
         m.publish(c.config);
-        EXPECT_EQ(log.messages(LOG_ID_METRICS), c.sent);
+        EXPECT_EQ(log.messages(tavrend::kMetricsLogId), c.sent);
         EXPECT_EQ(m.uint64MetricsView().size() + m.pairVecMetricsView().size(), c.kept ? 4u : 0u);
         // A configuration that cannot be published also forgets the cached tail.
         EXPECT_EQ(m.tailCacheView().empty(), !c.kept && c.sent.empty());

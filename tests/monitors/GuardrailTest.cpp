@@ -217,13 +217,14 @@ TEST_F(GuardrailFixture, IdleEnforcementAndMetricsTick) {
     EXPECT_EQ(lines("Enforcing guardrail"), 2u);
     EXPECT_TRUE(monitor->check(0, false, false));  // a pass, but never metrics at tick 0
     waitForPasses(monitor);
-    EXPECT_TRUE(log.messages(LOG_ID_METRICS).empty());
+    EXPECT_TRUE(log.messages(tavrend::kMetricsLogId).empty());
     EXPECT_TRUE(monitor->check(600, false, false));
     EXPECT_TRUE(log.contains(LOG_ID_SYSTEM, "Emitting metrics: process=hog pid=300 kill_count=1"));
-    ASSERT_EQ(log.messages(LOG_ID_METRICS).size(), 1u);
-    EXPECT_EQ(log.messages(LOG_ID_METRICS)[0].rfind("grp2:sch2:100:proc=hog;SY,count=1;", 0), 0u);
+    ASSERT_EQ(log.messages(tavrend::kMetricsLogId).size(), 1u);
+    EXPECT_EQ(
+        log.messages(tavrend::kMetricsLogId)[0].rfind("grp2:sch2:100:proc=hog;SY,count=1;", 0), 0u);
     EXPECT_TRUE(monitor->check(1200, false, false));  // counts were cleared
-    EXPECT_EQ(log.messages(LOG_ID_METRICS).size(), 1u);
+    EXPECT_EQ(log.messages(tavrend::kMetricsLogId).size(), 1u);
 }
 
 // Every due tick starts a pass; passes queue on the lock behind a slow one

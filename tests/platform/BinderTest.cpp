@@ -39,6 +39,7 @@ size_t openFds() {
 class ITestEcho : public IInterface {
 public:
     static const String16 descriptor;
+    virtual const String16& getInterfaceDescriptor() const { return descriptor; }
 };
 const String16 ITestEcho::descriptor("tavrend.test.IEcho");
 

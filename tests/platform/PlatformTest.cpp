@@ -79,7 +79,7 @@ TEST(HostLog, LinesFilesPrioritiesAndTruncation) {
     EXPECT_LT(__android_log_buf_print(-1, ANDROID_LOG_INFO, "t", "dropped"), 0);
     EXPECT_EQ(capture.records().size(), 4u);
     for (int prio = ANDROID_LOG_VERBOSE; prio <= ANDROID_LOG_FATAL; ++prio) {
-        __android_log_buf_print(LOG_ID_METRICS, prio, "t", "p");
+        __android_log_buf_print(8, prio, "t", "p");  // the metrics buffer
     }
     EXPECT_EQ(logs.lines("metrics"),
               (std::vector<std::string>{"V|t       |p", "D|t       |p", "I|t       |p",

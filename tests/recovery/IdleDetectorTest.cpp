@@ -117,7 +117,7 @@ TEST(IdleDetector, WaitsForIdleOrTheOverrideThenReboots) {
         for (std::string r; in >> r;) {
             records.push_back(durationRecord(r.substr(0, r.find('=')), r.substr(r.find('=') + 1)));
         }
-        EXPECT_EQ(f.log.messages(LOG_ID_METRICS, "metrics.tavrend"), records);
+        EXPECT_EQ(f.log.messages(tavrend::kMetricsLogId, "metrics.tavrend"), records);
     }
 }
 

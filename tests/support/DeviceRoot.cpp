@@ -7,7 +7,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "platform/device_root.h"
+#include "platform/host_root.h"
 #include "support/Subprocess.h"
 
 namespace fs = std::filesystem;

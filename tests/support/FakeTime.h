@@ -5,7 +5,7 @@
 #include <atomic>
 #include <functional>
 
-#include "platform/time_seam.h"
+#include "platform/time_source.h"
 
 namespace tavrend::test {
 

@@ -25,7 +25,7 @@
 #include "config/MemoryGuardrailConfig.h"
 #include "config/cjson_ext.h"
 #include "metrics/TavrenMetricConfig.h"
-#include "platform/device_root.h"
+#include "platform/host_root.h"
 #include "platform/log_hook.h"
 
 using tavrend::ConfigVariables;

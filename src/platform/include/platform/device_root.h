@@ -1,31 +1,14 @@
-// The device root: where the host finds what a device keeps at /proc, /sys,
-// /system, /data and /dev.
+// The device root: every file the daemon opens is named by its device path
+// (/proc/..., /sys/..., /system/..., /data/..., /dev/...) and opened here.
 //
-// A device path P is opened as <root>/P. The root comes from TAVREND_ROOT
-// (unset or empty means "/"), read once on first use; tests set it with
-// setDeviceRoot(). When <root>/proc does not exist, /proc paths resolve to the
-// machine's own /proc, so a root holding only configuration watches the real
-// machine. Whether <root>/proc exists is decided when the root is set.
-//
-// On a device every function here is the identity on paths.
+// On a device these open the path as it is. On a host the platform layer
+// finds the path under a device root (see platform/host_root.h).
 #pragma once
 
 #include <dirent.h>
 #include <stdio.h>
 
-#include <string>
-#include <string_view>
-
 namespace tavrend::platform {
-
-// Replaces the device root. An empty root means "/".
-void setDeviceRoot(const std::string& root);
-
-// The device root in force ("/" when none is set).
-std::string deviceRoot();
-
-// Maps a device path such as "/proc/meminfo" to the host path to open.
-std::string hostPath(std::string_view devicePath);
 
 // fopen/opendir of a device path.
 FILE* openDeviceFile(const char* devicePath, const char* mode);

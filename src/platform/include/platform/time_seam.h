@@ -1,14 +1,8 @@
 // The one seam through which the daemon sleeps, waits and asks for the time.
 //
-// Production code calls the free functions below; tests install a fake
-// TimeSource to drive uptime and sleeps without waiting real seconds.
-//
-// On a host the machine's clock may run fast: TAVREND_TIME_SCALE=N (read once,
-// a positive number, default 1) makes N seconds of the daemon's time pass per
-// real second, consistently for uptime, the wall clock, sleeps, the loop's
-// wait and the log's timestamps. Uptime and wall clock start from the
-// machine's values when the clock is first used. On a device the seam passes
-// everything straight through.
+// On a device these are sysinfo(2), nanosleep(2), time(2) and select(2)
+// themselves. On a host tests can replace the clock and the machine's clock
+// may run fast (see platform/time_source.h).
 #pragma once
 
 #include <sys/select.h>
@@ -17,32 +11,11 @@
 
 namespace tavrend::platform {
 
-class TimeSource {
-public:
-    virtual ~TimeSource() = default;
-    // As sysinfo(2): 0 on success, -1 on failure.
-    virtual int sysinfo(struct ::sysinfo* info) = 0;
-    virtual void sleepSeconds(unsigned seconds) = 0;
-    virtual time_t now() = 0;
-    // As select(2) on read descriptors with a timeout of `seconds`. The
-    // default waits on the machine's clock, scaled.
-    virtual int waitReadable(int nfds, fd_set* readfds, unsigned seconds);
-};
-
-// The machine's clock: sysinfo(2), nanosleep(2), time(2).
-TimeSource& realTimeSource();
-
-// Installs `source` (nullptr restores the real clock). Not owned.
-void setTimeSource(TimeSource* source);
-
+// As sysinfo(2): 0 on success, -1 on failure.
 int systemInfo(struct ::sysinfo* info);
 void sleepSeconds(unsigned seconds);
 time_t wallClockNow();
+// As select(2) on read descriptors with a timeout of `seconds`.
 int waitReadable(int nfds, fd_set* readfds, unsigned seconds);
-
-// The host clock's scale (1 unless TAVREND_TIME_SCALE says otherwise), and
-// CLOCK_REALTIME on that clock, for the log's timestamps.
-double timeScale();
-void scaledRealtime(struct timespec* ts);
 
 }  // namespace tavrend::platform

@@ -1,7 +1,8 @@
 // Host stand-in for the device's <binder/IInterface.h>.
 //
-// An interface declares `static const android::String16 descriptor;` and
-// derives from IInterface; its local implementation derives from
+// An interface declares its `descriptor` and `getInterfaceDescriptor() const`
+// (what the platform's meta-interface macros declare) and derives from
+// IInterface; its local implementation derives from
 // BnInterface<ITheInterface> and overrides onTransact.
 #pragma once
 
@@ -28,7 +29,10 @@ public:
             return sp<IInterface>(static_cast<INTERFACE*>(this));
         return nullptr;
     }
-    const String16& getInterfaceDescriptor() const override { return INTERFACE::descriptor; }
+    // As on a device: the interface names its descriptor.
+    const String16& getInterfaceDescriptor() const override {
+        return INTERFACE::getInterfaceDescriptor();
+    }
 
 protected:
     typedef INTERFACE BaseInterface;

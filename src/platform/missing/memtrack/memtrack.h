@@ -1,6 +1,8 @@
-// Host stand-in for the device's <memtrack/memtrack.h> (libmemtrack).
+// The device's <memtrack/memtrack.h> (libmemtrack), as far as the daemon uses
+// it. No platform package offers it for a host, so this one is used wherever
+// the platform's own is missing; on a host the platform layer implements it.
 //
-// A process's figures come from <root>/dev/memtrack/<pid>: one line of three
+// On a host a process's figures come from <root>/dev/memtrack/<pid>: one line of three
 // signed decimal byte counts, graphics, gl and other, e.g. "8388608 4096 0".
 // memtrack_proc_get() fails (-1) when that file is missing, unreadable or
 // malformed, as a device without a memtrack HAL does.

@@ -51,7 +51,7 @@
 #include <vector>
 
 #include "platform/binder_host.h"
-#include "platform/device_root.h"
+#include "platform/host_root.h"
 
 namespace android {
 namespace {

@@ -29,11 +29,12 @@ typedef enum log_id {
     LOG_ID_STATS = 5,
     LOG_ID_SECURITY = 6,
     LOG_ID_KERNEL = 7,
-    // The device's metrics buffer, read by the metrics service.
-    LOG_ID_METRICS = 8,
+
+    LOG_ID_MAX
 } log_id_t;
 
-// Returns the number of bytes of the message written, or a negative errno
+// Ids 0 to 7 are the buffers above; id 8 is the device's metrics buffer, which
+// has no name in log_id_t. Returns the number of bytes of the message written, or a negative errno
 // value when the buffer id is unknown (the record is dropped).
 int __android_log_buf_print(int bufID, int prio, const char* tag, const char* fmt, ...)
     __attribute__((format(printf, 4, 5)));

@@ -16,7 +16,7 @@
 #include <string>
 
 #include "platform/log_hook.h"
-#include "platform/time_seam.h"
+#include "platform/time_source.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <mutex>
 #include <string>
 
-#include "platform/device_root.h"
+#include "platform/host_root.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <new>
 #include <string>
 
-#include "platform/device_root.h"
+#include "platform/host_root.h"
 
 struct memtrack_proc {
     bool valid = false;
@@ -97,13 +97,12 @@ ssize_t memtrack_proc_other_pss(memtrack_proc* p) { return figure(p, &memtrack_p
 
 namespace android::hardware::memtrack::V1_0 {
 
-IMemtrack::~IMemtrack() = default;
-
-std::shared_ptr<IMemtrack> IMemtrack::getService(const std::string& /*instance*/) {
+::android::sp<IMemtrack> IMemtrack::getService(const std::string& /*serviceName*/,
+                                               bool /*getStub*/) {
     struct stat st;
     const std::string dir = tavrend::platform::hostPath("/dev/memtrack");
     if (stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return nullptr;
-    return std::make_shared<IMemtrack>();
+    return ::android::sp<IMemtrack>(new IMemtrack);
 }
 
 }  // namespace android::hardware::memtrack::V1_0

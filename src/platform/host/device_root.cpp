@@ -1,10 +1,10 @@
-#include "platform/device_root.h"
-
 #include <sys/stat.h>
 
 #include <cstdlib>
 #include <memory>
 #include <mutex>
+
+#include "platform/host_root.h"
 
 namespace tavrend::platform {
 namespace {

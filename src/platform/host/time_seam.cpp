@@ -1,10 +1,10 @@
-#include "platform/time_seam.h"
-
 #include <atomic>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+
+#include "platform/time_source.h"
 
 namespace tavrend::platform {
 namespace {
@@ -101,8 +101,8 @@ int TimeSource::waitReadable(int nfds, fd_set* readfds, unsigned seconds) {
 }
 
 TimeSource& realTimeSource() {
-    static RealTimeSource real;
-    return real;
+    static RealTimeSource* real = new RealTimeSource;  // never destroyed, like the clock
+    return *real;
 }
 
 void setTimeSource(TimeSource* s) { gSource.store(s, std::memory_order_release); }
