@@ -70,12 +70,11 @@ public:
         std::error_code ec;
         std::filesystem::remove_all(logDir_, ec);
     }
-    void start() {
-        proc_ = std::make_unique<Subprocess>(
-            binPath("tavrend"), std::vector<std::string>{},
-            std::map<std::string, std::string>{{"TAVREND_ROOT", root_.path()},
-                                               {"TAVREND_LOG_DIR", logDir_}},
-            logDir_ + "/stderr.txt");
+    void start(std::map<std::string, std::string> env = {}) {
+        env["TAVREND_ROOT"] = root_.path();
+        env["TAVREND_LOG_DIR"] = logDir_;
+        proc_ = std::make_unique<Subprocess>(binPath("tavrend"), std::vector<std::string>{}, env,
+                                             logDir_ + "/stderr.txt");
     }
     Subprocess& process() { return *proc_; }
     std::vector<LogLine> log(const char* buffer = "system") const {

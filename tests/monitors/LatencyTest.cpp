@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <log/log.h>
 
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -81,12 +82,24 @@ TEST_F(LatencyFixture, BadSamplesFillTheRingOtherCodesAndWrongTokensRecordNothin
                              "Rcvd Metric - UserPerceivedLatency.Audio.DeviceProcessing: 100"));
     EXPECT_EQ(log.countPrefix(LOG_ID_SYSTEM, "Critical UPL condition detected"), 2u);
 
-    log.clear();
     monitor->dumpReport();
-    EXPECT_EQ(log.messages(LOG_ID_SYSTEM),
-              (std::vector<std::string>{
-                  "------Device UPL info------",
-                  "UserPerceivedLatency.Audio.DeviceProcessing Values: {150, 300, 100}"}));
+    const auto messages = log.messages(LOG_ID_SYSTEM);
+    ASSERT_GE(messages.size(), 2u);
+    EXPECT_EQ(messages[messages.size() - 2], "------Device UPL info------");
+    EXPECT_EQ(messages.back(),
+              "UserPerceivedLatency.Audio.DeviceProcessing Values: {150, 300, 100}");
+    // Every line's priority (3 debug, 4 info, 5 warning, 6 error), by its first word.
+    const std::map<std::string, int> priorities = {
+        {"Initializing", 4}, {"Starting", 4},
+        {"Rcvd", 3},         {"Bad", 5},
+        {"Critical", 5},     {"Total", 4},
+        {"------Device", 6}, {"UserPerceivedLatency.Audio.DeviceProcessing", 6}};
+    for (const auto& r : log.records()) {
+        if (r.buffer != LOG_ID_SYSTEM || r.tag != "tavrend") continue;
+        const auto it = priorities.find(r.message.substr(0, r.message.find(' ')));
+        ASSERT_NE(it, priorities.end()) << r.message;
+        EXPECT_EQ(r.priority, it->second) << r.message;
+    }
 }
 
 TEST_F(LatencyFixture, DisabledRegistersNothingAndAThresholdBelowOneCountsAsOne) {
