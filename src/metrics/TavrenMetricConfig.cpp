@@ -80,8 +80,10 @@ TavrenMetricConfig::MetricConfig readMetricConfig(const cJSON* element) {
 }  // namespace
 
 TavrenMetricConfig& TavrenMetricConfig::instance() {
-    static TavrenMetricConfig config;
-    return config;
+    // Never destroyed: the idle detector's thread reads it, and no thread of
+    // the daemon may find a static destroyed under it at exit.
+    static TavrenMetricConfig* config = new TavrenMetricConfig;
+    return *config;
 }
 
 TavrenMetricConfig::TavrenMetricConfig() { metricConfigs.max_load_factor(1.0f); }

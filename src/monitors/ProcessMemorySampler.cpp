@@ -30,9 +30,11 @@ ProcessMemorySampler::ProcessMemorySampler(const ConfigVariables& cfg) : config(
 
 bool ProcessMemorySampler::init() {
     TLOGI("Initializing Process Memory Sampler");
-    // Looked up once per process, on the first call; released at exit.
-    static const android::sp<IMemtrack> memtrack = IMemtrack::getService("default");
-    memtrackAvailable = memtrack != nullptr;
+    // Looked up once per process, on the first call, and kept to the end, like
+    // every static of the daemon (nothing is destroyed at exit).
+    static const android::sp<IMemtrack>* const memtrack =
+        new android::sp<IMemtrack>(IMemtrack::getService("default"));
+    memtrackAvailable = *memtrack != nullptr;
     if (!memtrackAvailable) TLOGE("failed to load memtrack module");
     return true;
 }

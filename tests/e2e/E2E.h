@@ -70,12 +70,15 @@ public:
         std::error_code ec;
         std::filesystem::remove_all(logDir_, ec);
     }
-    void start() {
-        proc_ = std::make_unique<Subprocess>(
-            binPath("tavrend"), std::vector<std::string>{},
-            std::map<std::string, std::string>{{"TAVREND_ROOT", root_.path()},
-                                               {"TAVREND_LOG_DIR", logDir_}},
-            logDir_ + "/stderr.txt");
+    // `env` adds to the test's environment, ASAN_OPTIONS to the test's own.
+    void start(std::map<std::string, std::string> env = {}) {
+        env["TAVREND_ROOT"] = root_.path();
+        env["TAVREND_LOG_DIR"] = logDir_;
+        const char* asan = getenv("ASAN_OPTIONS");
+        if (asan != nullptr && env.count("ASAN_OPTIONS"))
+            env["ASAN_OPTIONS"].insert(0, asan + std::string(":"));
+        proc_ = std::make_unique<Subprocess>(binPath("tavrend"), std::vector<std::string>{}, env,
+                                             logDir_ + "/stderr.txt");
     }
     Subprocess& process() { return *proc_; }
     std::vector<LogLine> log(const char* buffer = "system") const {

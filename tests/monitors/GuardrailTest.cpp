@@ -194,12 +194,12 @@ TEST_F(GuardrailFixture, IdleEnforcementAndMetricsTick) {
     setPss(root, 300, "hog", 150);
     monitor->checkAgainstGuardrail();
 
-    setPss(root, 300, "hog", 80);
+    setPss(root, 300, "hog", 100);  // back at its soft limit by the idle second: not over it
     EXPECT_TRUE(monitor->check(1, false, false));  // busy: nothing enforced
     EXPECT_EQ(lines("Enforcing guardrail"), 0u);
     EXPECT_TRUE(monitor->check(2, false, true));
     EXPECT_TRUE(log.contains(LOG_ID_SYSTEM,
-                             "process=hog pid=300 TotalPss: 80 kB, no longer over "
+                             "process=hog pid=300 TotalPss: 100 kB, no longer over "
                              "MemorySoftLimit: 100 kB,"));
     EXPECT_TRUE(root.exists("/proc/300"));
 

@@ -14,8 +14,17 @@ struct RootInfo {
     bool ownProc = false;
 };
 
-std::mutex gMutex;
-std::shared_ptr<const RootInfo> gRoot;  // guarded by gMutex
+struct RootState {
+    std::mutex mutex;
+    std::shared_ptr<const RootInfo> root;  // guarded by mutex
+};
+
+// Never destroyed: guardrail passes and the idle thread open device files
+// while the process runs its exit handlers.
+RootState& state() {
+    static RootState* s = new RootState;
+    return *s;
+}
 
 std::shared_ptr<const RootInfo> makeRoot(std::string root) {
     auto info = std::make_shared<RootInfo>();
@@ -31,12 +40,13 @@ std::shared_ptr<const RootInfo> makeRoot(std::string root) {
 }
 
 std::shared_ptr<const RootInfo> current() {
-    std::lock_guard<std::mutex> lock(gMutex);
-    if (!gRoot) {
+    RootState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (!s.root) {
         const char* env = getenv("TAVREND_ROOT");
-        gRoot = makeRoot(env ? env : "");
+        s.root = makeRoot(env ? env : "");
     }
-    return gRoot;
+    return s.root;
 }
 
 bool isProcPath(std::string_view p) { return p == "/proc" || p.substr(0, 6) == "/proc/"; }
@@ -45,8 +55,9 @@ bool isProcPath(std::string_view p) { return p == "/proc" || p.substr(0, 6) == "
 
 void setDeviceRoot(const std::string& root) {
     auto info = makeRoot(root);
-    std::lock_guard<std::mutex> lock(gMutex);
-    gRoot = std::move(info);
+    RootState& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.root = std::move(info);
 }
 
 std::string deviceRoot() {
