@@ -1,13 +1,15 @@
 // The binder transport's framing: what a service's connection does with the
 // messages a client sends, through the socket and the pool's own request path.
-// The input is a list of messages, each a u16 (little-endian) then bytes:
-// - the low 12 bits say how many of the following input bytes the message holds;
-// - bit 15 pads the message with zeros to a size near the request limit:
-//   kBinderTransactionMax - 3 plus bits 12-14 (two such messages at most);
-// - 0xffff ends the list and the client hangs up its sending side.
+// The input is a list of messages, each a u16 h (little-endian) then bytes:
+// - 0xffff ends the list and the client hangs up its sending side;
+// - with the top 6 bits set, the message is the next h & 0xff input bytes
+//   padded with zeros to kBinderTransactionMax - 1 plus bits 8-9, around the
+//   request limit (one such message at most: a megabyte is slow to serve);
+// - otherwise, it is the next h & 0xfff input bytes.
 // e.g. 0c00 01000000 01000000 2a000000: code 1, flags one-way, data int32 42.
-// The service records every request that reaches it and replies with its code
-// as the status and the first bytes of its data. Checked on every input: the
+// The service checks every request that reaches it against the next one
+// expected and replies with its code as the status and the first bytes of its
+// data. Checked on every input: the
 // requests that reach the service are exactly those of 8 bytes to the limit,
 // with their code, flags and data; the replies come in order, one per request
 // that is not one-way (a bad request is not one-way unless its header says so),
@@ -32,46 +34,57 @@ using Bytes = std::vector<uint8_t>;
 using tavrend::platform::kBinderTransactionMax;
 
 constexpr size_t kMaxMessages = 24;  // more than a pool thread serves per wake-up
-constexpr size_t kMaxNearLimit = 2;
+constexpr size_t kMaxNearLimit = 1;
 constexpr size_t kEchoMax = 64;
 constexpr int32_t kFailed = android::FAILED_TRANSACTION;
 
-struct Call {
+const uint8_t* zeros() {
+    static const Bytes z(kBinderTransactionMax + 8, 0);
+    return z.data();
+}
+
+// A request that must reach the service: its data is `headLen` bytes of the
+// input, then zeros up to `size`.
+struct Want {
     uint32_t code;
     uint32_t flags;
-    Bytes data;
-    bool operator==(const Call&) const = default;
+    size_t size;
+    const uint8_t* head;
+    size_t headLen;
 };
 
+// Checks each request against the next one expected, in place: near-limit
+// requests are not copied again.
 class Recorder : public android::IBinder {
 public:
-    std::vector<Call> calls;
+    std::vector<Want> wants;
+    size_t seen = 0;
 
     const android::String16& getInterfaceDescriptor() const override {
         static const android::String16* const kNone = new android::String16();
         return *kNone;
     }
-
     android::status_t transact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
                                uint32_t flags) override {
-        calls.push_back({code, flags, Bytes(data.data(), data.data() + data.dataSize())});
+        FUZZ_CHECK(seen < wants.size());
+        const Want& w = wants[seen++];
+        FUZZ_CHECK(code == w.code && flags == w.flags && data.dataSize() == w.size);
+        FUZZ_CHECK(w.headLen == 0 || memcmp(data.data(), w.head, w.headLen) == 0);
+        FUZZ_CHECK(w.size == w.headLen ||
+                   memcmp(data.data() + w.headLen, zeros(), w.size - w.headLen) == 0);
         reply->write(data.data(), std::min(data.dataSize(), kEchoMax));
         return static_cast<android::status_t>(code);
     }
 };
 
-Bytes replyOf(int32_t status, const uint8_t* data, size_t len) {
+// The reply to a request whose data starts with `head` (then zeros).
+Bytes replyOf(int32_t status, const uint8_t* head, size_t headLen, size_t size) {
     Bytes r(4);
     memcpy(r.data(), &status, 4);
-    len = std::min(len, kEchoMax);
-    r.insert(r.end(), data, data + len);
-    r.resize(4 + ((len + 3) & ~size_t{3}), 0);
+    const size_t echoed = std::min(size, kEchoMax);
+    r.insert(r.end(), head, head + std::min(headLen, echoed));
+    r.resize(4 + ((echoed + 3) & ~size_t{3}), 0);
     return r;
-}
-
-const uint8_t* zeros() {
-    static const Bytes z(kBinderTransactionMax + 8, 0);
-    return z.data();
 }
 
 }  // namespace
@@ -89,7 +102,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int room = static_cast<int>(3 * (kBinderTransactionMax + 4096));
     const bool big = setsockopt(client, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) == 0;
 
-    std::vector<Call> wantCalls;
+    android::sp<Recorder> service = android::sp<Recorder>::make();
     Bytes wantReplies;  // every reply, each after its u32 length
     size_t messages = 0, nearLimit = 0, at = 0;
     bool hungUp = false;
@@ -101,12 +114,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             hungUp = true;
             break;
         }
+        const bool near = (h & 0xfc00) == 0xfc00 && big && nearLimit < kMaxNearLimit;
         const uint8_t* head = data + at;
-        const size_t headLen = std::min<size_t>(h & 0xfff, size - at);
+        const size_t headLen = std::min<size_t>(h & (near ? 0xff : 0xfff), size - at);
         at += headLen;
         size_t len = headLen;
-        if ((h & 0x8000) && big && nearLimit < kMaxNearLimit) {
-            len = kBinderTransactionMax - 3 + ((h >> 12) & 7);
+        if (near) {
+            len = kBinderTransactionMax - 1 + ((h >> 8) & 3);
             ++nearLimit;
         }
         iovec iov[2] = {{const_cast<uint8_t*>(head), headLen},
@@ -117,19 +131,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         FUZZ_CHECK(sendmsg(client, &msg, MSG_DONTWAIT | MSG_NOSIGNAL) == static_cast<ssize_t>(len));
         ++messages;
 
-        Bytes whole(head, head + headLen);  // the first bytes: all that a reply or a call shows
-        whole.resize(std::min(len, headLen + kEchoMax + 8), 0);
-        uint32_t header[2] = {0, 0};
-        if (len >= 8) memcpy(header, whole.data(), 8);
+        uint32_t header[2] = {0, 0};  // a near-limit message has its header in the input
+        if (len >= 8) memcpy(header, headLen >= 8 ? head : zeros(), 8);
+        if (len >= 8 && headLen < 8) memcpy(header, head, headLen);
         const bool oneway = len >= 8 && (header[1] & android::IBinder::FLAG_ONEWAY) != 0;
         Bytes reply;
         if (len < 8 || len > kBinderTransactionMax) {
-            reply = replyOf(kFailed, nullptr, 0);
+            reply = replyOf(kFailed, nullptr, 0, 0);
         } else {
-            Bytes callData(whole.begin() + 8, whole.end());
-            if (len > whole.size()) callData.resize(len - 8, 0);
-            wantCalls.push_back({header[0], header[1], callData});
-            reply = replyOf(static_cast<int32_t>(header[0]), callData.data(), callData.size());
+            const size_t dataHead = headLen > 8 ? headLen - 8 : 0;
+            const uint8_t* dataStart = dataHead > 0 ? head + 8 : nullptr;
+            service->wants.push_back({header[0], header[1], len - 8, dataStart, dataHead});
+            reply = replyOf(static_cast<int32_t>(header[0]), dataStart, dataHead, len - 8);
         }
         if (!oneway) {
             const uint32_t n = static_cast<uint32_t>(reply.size());
@@ -139,10 +152,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
     }
 
-    android::sp<Recorder> service = android::sp<Recorder>::make();
     const bool open = tavrend::platform::serveBinderRequests(fds[1], service);
     FUZZ_CHECK(open == !hungUp);
-    FUZZ_CHECK(service->calls == wantCalls);
+    FUZZ_CHECK(service->seen == service->wants.size());
 
     Bytes gotReplies;
     static Bytes buf(1 << 16);

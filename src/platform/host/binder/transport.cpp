@@ -222,7 +222,15 @@ bool flushPending(Connection* c) {
     return errno == EAGAIN || errno == EWOULDBLOCK;
 }
 
-// recv() gives 0 both for an empty message and for a peer that is gone.
+// Each message a connection receives then comes with its sender's
+// credentials, which tells an empty request from the end of the stream: recv
+// gives 0 for both.
+void passCredentials(int fd) {
+    const int one = 1;
+    setsockopt(fd, SOL_SOCKET, SO_PASSCRED, &one, sizeof(one));
+}
+
+// For a 0 from recv() that came without credentials.
 bool peerGone(int fd, uint32_t events) {
     if (events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) return true;
     pollfd p{fd, POLLRDHUP, 0};
@@ -239,11 +247,20 @@ bool serveWaiting(Connection* c, uint32_t events, uint8_t* buf) {
     // busy client does not keep the thread from others.
     for (int i = 0; i < kServeBatch && c->pending.empty(); ++i) {
         ssize_t n;
+        msghdr msg;
+        iovec iov{buf, kBinderTransactionMax + 1};
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
         do {
-            n = recv(c->fd, buf, kBinderTransactionMax + 1, MSG_DONTWAIT | MSG_TRUNC);
+            msg = msghdr{};
+            msg.msg_iov = &iov;
+            msg.msg_iovlen = 1;
+            msg.msg_control = control;
+            msg.msg_controllen = sizeof(control);
+            n = recvmsg(c->fd, &msg, MSG_DONTWAIT | MSG_TRUNC);
         } while (n < 0 && errno == EINTR);
         if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK;
-        if (n == 0 && peerGone(c->fd, events)) return false;
+        // The requests a client sent before it left are still served.
+        if (n == 0 && msg.msg_controllen == 0 && peerGone(c->fd, events)) return false;
         // n is the whole request's length; the buffer holds its start, so even
         // a request too long to run shows its header and whether it is one-way.
         const size_t len = static_cast<size_t>(n);
@@ -469,6 +486,7 @@ void Host::acceptAll(int epfd, Listener* l) {
             break;
         }
         if (acceptFailing_.end()) BLOGI("binder accept: succeeds again");
+        passCredentials(fd);
         Connection* c = nullptr;
         {
             std::lock_guard<std::mutex> lock(mutex_);
@@ -640,6 +658,7 @@ void resetBinderHost() { android::Host::get().reset(); }
 
 bool serveBinderRequests(int fd, const android::sp<android::IBinder>& binder) {
     thread_local std::unique_ptr<uint8_t[]> buf(new uint8_t[kBinderTransactionMax + 1]);
+    android::passCredentials(fd);
     android::Connection c(fd, binder);
     pollfd p{fd, POLLIN, 0};
     do {
