@@ -3,8 +3,11 @@
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <log/log.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -15,13 +18,18 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <string>
+#include <thread>
+#include <tuple>
 #include <vector>
 
 #include "platform/binder_host.h"
 #include "support/DeviceRoot.h"
+#include "support/LogCapture.h"
 #include "support/Subprocess.h"
 
 using namespace android;
+using tavrend::platform::kBinderMaxConnections;
 using tavrend::platform::kBinderTransactionMax;
 using Bytes = std::vector<uint8_t>;
 
@@ -30,10 +38,8 @@ namespace {
 Bytes bytesOf(const Parcel& p) { return Bytes(p.data(), p.data() + p.dataSize()); }
 
 size_t openFds() {
-    size_t n = 0;
-    for (const auto& e : std::filesystem::directory_iterator("/proc/self/fd"))
-        n += !e.path().empty();
-    return n;
+    using Dir = std::filesystem::directory_iterator;
+    return static_cast<size_t>(std::distance(Dir("/proc/self/fd"), Dir()));
 }
 
 class ITestEcho : public IInterface {
@@ -77,6 +83,7 @@ int64_t echo(const sp<IBinder>& b, int64_t n) {
     return b->transact(1, data, &reply) == OK ? reply.readInt64() : -1;
 }
 
+const Bytes kReply42 = {0, 0, 0, 0, 42, 0, 0, 0, 0, 0, 0, 0};  // OK, int64 42
 const Bytes kTokenAb = {0x00, 0x00, 0x00, 0x80, 0xff, 0xff, 0xff, 0xff, 'T', 'S', 'Y', 'S',
                         2,    0,    0,    0,    'a',  0,    'b',  0,    0,   0,   0,   0};
 
@@ -111,6 +118,13 @@ TEST(BinderParcel, WritesTheDeviceLayout) {
          [](Parcel& p) { p.writeString16(std::optional<String16>()); },
          {0xff, 0xff, 0xff, 0xff}},
         {"interface token", [](Parcel& p) { p.writeInterfaceToken(String16("ab")); }, kTokenAb},
+        {"zero bytes from null",
+         [](Parcel& p) {
+             EXPECT_EQ(p.write(nullptr, 0), OK);  // also into an empty parcel
+             EXPECT_EQ(p.writeInt32(7) + p.write(nullptr, 0), OK);
+             EXPECT_EQ(p.write(nullptr, 1), BAD_VALUE);
+         },
+         {7, 0, 0, 0}},
     };
     for (const auto& c : cases) {
         Parcel p;
@@ -183,11 +197,12 @@ protected:
     sp<IBinder> proxy() const {
         return defaultServiceManager()->checkService(String16("test.echo"));
     }
-    // A client speaking the socket protocol directly.
-    int rawClient(bool bindInstead = false) const {
+    // A client speaking the socket protocol directly; `beforeConnect` runs once its socket exists.
+    int rawClient(bool bindInstead = false, const std::function<void()>& beforeConnect = {}) const {
         int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
         const timeval noHang{10, 0};  // a missing reply fails the test instead of hanging it
         setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &noHang, sizeof(noHang));
+        if (beforeConnect) beforeConnect();
         sockaddr_un addr{AF_UNIX, {}};
         snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path.c_str());
         auto* a = reinterpret_cast<sockaddr*>(&addr);
@@ -199,6 +214,11 @@ protected:
         ssize_t n = recv(fd, b.data(), b.size(), 0);
         b.resize(n > 0 ? static_cast<size_t>(n) : 0);
         return b;
+    }
+    static Bytes call41(int fd) {
+        const Bytes request = echoRequest(1, 0, 41);
+        send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+        return receive(fd);
     }
 
     tavrend::test::DeviceRoot root;
@@ -223,30 +243,31 @@ TEST_F(BinderService, RefusesBadRequestsWhileOtherClientsGoOn) {
     const int raw = rawClient();
     const int big = static_cast<int>(2 * kBinderTransactionMax);
     setsockopt(raw, SOL_SOCKET, SO_SNDBUFFORCE, &big, sizeof(big));
-    struct Case {
-        size_t size;
-        status_t want;
-        bool reachesService;
+    // Each request (size, flags, whether it reaches the service) is followed by a
+    // call on the same connection: its reply, if any, comes first, so a one-way
+    // request must get none whatever its size. The framing fuzzer holds the rest.
+    constexpr uint32_t kOneway = IBinder::FLAG_ONEWAY;
+    const std::tuple<size_t, uint32_t, bool> cases[] = {
+        {7, 0, false},
+        {kBinderTransactionMax, 0, true},
+        {kBinderTransactionMax + 1, 0, false},
+        {kBinderTransactionMax + 1, kOneway, false},
     };
-    const Case cases[] = {
-        {0, FAILED_TRANSACTION, false},
-        {3, FAILED_TRANSACTION, false},
-        {7, FAILED_TRANSACTION, false},
-        {8, UNKNOWN_TRANSACTION, true},
-        {kBinderTransactionMax, UNKNOWN_TRANSACTION, true},
-        {kBinderTransactionMax + 1, FAILED_TRANSACTION, false},
-    };
-    for (const auto& c : cases) {
+    for (const auto& [size, flags, reaches] : cases) {
         const int before = service->calls;
-        if (send(raw, Bytes(c.size).data(), c.size, MSG_NOSIGNAL) < 0) {
+        Bytes request(size);
+        if (size >= 8) memcpy(request.data() + 4, &flags, 4);
+        if (send(raw, request.data(), size, MSG_NOSIGNAL) < 0) {
             ASSERT_EQ(errno, EMSGSIZE);  // an unprivileged host can't send it
             continue;
         }
-        Bytes want(4);
-        memcpy(want.data(), &c.want, 4);
-        EXPECT_EQ(receive(raw), want) << c.size;
-        EXPECT_EQ(echo(good, 41), 42);
-        EXPECT_EQ(service->calls, before + (c.reachesService ? 1 : 0) + 1) << c.size;
+        if (flags != kOneway) {
+            const status_t status = reaches ? UNKNOWN_TRANSACTION : FAILED_TRANSACTION;
+            const auto* want = reinterpret_cast<const uint8_t*>(&status);
+            EXPECT_EQ(receive(raw), Bytes(want, want + 4)) << size;
+        }
+        EXPECT_EQ(call41(raw), kReply42) << size << " flags " << flags;
+        EXPECT_EQ(service->calls, before + (reaches ? 1 : 0) + 1) << size;
     }
 
     close(rawClient());  // leaves at once
@@ -261,21 +282,45 @@ TEST_F(BinderService, RefusesBadRequestsWhileOtherClientsGoOn) {
         tavrend::test::waitUntil([&] { return openFds() == fds; }, std::chrono::seconds(5)));
 }
 
-// More idle clients than pool threads: a connection holds no thread between requests.
-TEST_F(BinderService, OnewayGetsNoReplyAndIdleClientsHoldNoThread) {
+// Each connection costs a descriptor. Beyond the cap a connection ends at once
+// and the others go on; once some close, new ones are taken again. Out of
+// descriptors, accept fails on every retry. Each episode is logged once, and
+// its end once. Idle connections hold no pool thread.
+TEST_F(BinderService, ConnectionsAreBoundedAndRefusalsLoggedOncePerEpisode) {
     ProcessState::self()->startThreadPool();
     addEcho();  // after the pool started
-    int idle[5];
-    for (int& fd : idle) fd = rawClient();
-    const int raw = rawClient();
-    for (const Bytes& r : {echoRequest(2, IBinder::FLAG_ONEWAY, 0), echoRequest(1, 0, 41)}) {
-        send(raw, r.data(), r.size(), MSG_NOSIGNAL);
-    }
-    EXPECT_EQ(receive(raw), (Bytes{0, 0, 0, 0, 42, 0, 0, 0, 0, 0, 0, 0}));
+    tavrend::test::LogCapture log;
+    std::vector<int> fds;
+    for (size_t i = 0; i < kBinderMaxConnections + 2; ++i) fds.push_back(rawClient());
+    char byte;
+    EXPECT_EQ(recv(fds[kBinderMaxConnections], &byte, 1, 0), 0);  // the end, not a timeout
+    EXPECT_EQ(recv(fds[kBinderMaxConnections + 1], &byte, 1, 0), 0);
+    EXPECT_EQ(call41(fds[kBinderMaxConnections - 1]), kReply42);
     EXPECT_TRUE(service->signalsBlocked);  // pool threads take no signal
-    for (int fd : {idle[0], idle[1], idle[2], idle[3], idle[4], raw}) close(fd);
+    const size_t before = openFds();
+    for (int fd : fds) close(fd);
+    ASSERT_TRUE(tavrend::test::waitUntil(
+        [&] { return openFds() == before - fds.size() - kBinderMaxConnections; },
+        std::chrono::seconds(5)));
 
-    Parcel data, reply;
-    EXPECT_EQ(proxy()->transact(2, data, &reply, IBinder::FLAG_ONEWAY), OK);
-    EXPECT_EQ(reply.dataSize(), 0u);
+    rlimit saved;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    const int late = rawClient(false, [&] {  // no descriptor is free from here on
+        const int lowestFree = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        close(lowestFree);
+        const rlimit none{static_cast<rlim_t>(lowestFree), saved.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    });
+    EXPECT_TRUE(tavrend::test::waitUntil([&] { return log.messages(LOG_ID_MAIN).size() > 1; },
+                                         std::chrono::seconds(5)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // six retries or so
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+    EXPECT_EQ(call41(late), kReply42);
+    EXPECT_EQ(log.messages(LOG_ID_MAIN, "binder"),
+              (std::vector<std::string>{
+                  "binder: " + std::to_string(kBinderMaxConnections) +
+                      " connections open, refusing new ones until some close",
+                  "binder accept: Too many open files; retrying quietly until it succeeds",
+                  "binder accept: succeeds again", "binder: accepting connections again"}));
+    close(late);
 }

@@ -151,11 +151,14 @@ TEST(HostProperties, SetRefusesBadNamesValuesAndSecondReadOnlySet) {
     char value[PROPERTY_VALUE_MAX];
     EXPECT_EQ(property_get("persist.x", value, "d"), 91);
     EXPECT_EQ(std::string(value), v91);
-    EXPECT_EQ(property_get("not.set", value, "dflt"), 4);
-    EXPECT_STREQ(value, "dflt");
     EXPECT_EQ(property_get("ro.long", value, ""), PROPERTY_VALUE_MAX - 1);
     root.setProperty("bad..name", "1");  // a bad name is never read
     EXPECT_EQ(property_get("bad..name", value, "d"), 1);
+    for (const char* stored : {static_cast<const char*>(nullptr), "", "\n"}) {  // all unset
+        if (stored) root.setProperty("test.unset", stored);
+        EXPECT_EQ(property_get("test.unset", value, "dflt"), 4);
+        EXPECT_STREQ(value, "dflt");
+    }
 }
 
 TEST(HostProperties, ConcurrentReaderSeesOldOrNewValue) {

@@ -54,18 +54,22 @@ const uint8_t* Parcel::readInplace(size_t len) const {
     return p;
 }
 
+// Zero bytes, from any pointer, write and read nothing; writeInplace() and
+// readInplace() could give no pointer for them in an empty parcel.
 status_t Parcel::write(const void* data, size_t len) {
     if (data == nullptr && len > 0) return BAD_VALUE;
+    if (len == 0) return OK;
     uint8_t* p = writeInplace(len);
     if (p == nullptr) return NO_MEMORY;
-    if (len > 0) memcpy(p, data, len);
+    memcpy(p, data, len);
     return OK;
 }
 
 status_t Parcel::read(void* outData, size_t len) const {
+    if (len == 0) return OK;
     const uint8_t* p = readInplace(len);
     if (p == nullptr) return NOT_ENOUGH_DATA;
-    if (len > 0) memcpy(outData, p, len);
+    memcpy(outData, p, len);
     return OK;
 }
 

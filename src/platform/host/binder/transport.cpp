@@ -1,9 +1,11 @@
 // The binder transport on the host: one Unix SOCK_SEQPACKET socket per service.
 //
 // A request is one message: u32 code, u32 flags, the data parcel's bytes. A
-// reply is one message: i32 status, the reply parcel's bytes; a one-way
-// request gets none. A request shorter than the 8-byte header or longer than
-// kBinderTransactionMax is answered FAILED_TRANSACTION, whatever its flags.
+// reply is one message: i32 status, the reply parcel's bytes. A request
+// shorter than the 8-byte header or longer than kBinderTransactionMax never
+// reaches the service and is answered FAILED_TRANSACTION, unless it is one-way:
+// a one-way request never gets a reply, whatever its size, so that a client's
+// replies always pair with its calls.
 //
 // Serving: one epoll set holds every service's listening socket and every
 // accepted connection, each armed EPOLLONESHOT, so exactly one pool thread
@@ -16,6 +18,13 @@
 // EPOLLOUT) instead of holding a thread. A small fixed pool (4 threads unless
 // set otherwise) thus serves any number of connections; only a slow
 // onTransact holds a thread. Pool threads run with every signal blocked.
+//
+// Each connection costs a descriptor, which a device's binder does not: at most
+// kBinderMaxConnections are open at once, across every service. One beyond
+// that is accepted and closed at once, so its client sees the end of the
+// stream instead of waiting in the backlog; the others go on. When accept
+// fails (out of descriptors or memory) the pool backs off and retries; the
+// failure is logged once, and its end once, not once per retry.
 //
 // Clients: checkService() connects at once (null when nobody listens) and
 // hands back a proxy owning that connection. The proxy runs one transaction
@@ -56,6 +65,7 @@
 namespace android {
 namespace {
 
+using tavrend::platform::kBinderMaxConnections;
 using tavrend::platform::kBinderTransactionMax;
 
 constexpr const char* kTag = "binder";
@@ -67,6 +77,7 @@ constexpr int kServeBatch = 16;  // requests of one connection per wake-up
 
 #define BLOGE(...) __android_log_print(ANDROID_LOG_ERROR, kTag, __VA_ARGS__)
 #define BLOGW(...) __android_log_print(ANDROID_LOG_WARN, kTag, __VA_ARGS__)
+#define BLOGI(...) __android_log_print(ANDROID_LOG_INFO, kTag, __VA_ARGS__)
 
 std::string toUtf8(const String16& s) {
     const String8 utf8(s);
@@ -149,6 +160,126 @@ struct Connection : Entry {
     std::vector<uint8_t> pending;  // a reply waiting for room in the socket
 };
 
+// A condition that is logged when it starts and when it ends, however often it
+// is met in between.
+class Episode {
+public:
+    bool begin() { return !on_.exchange(true); }  // true when it was not on
+    bool end() { return on_.exchange(false); }    // true when it was on
+    void clear() { on_ = false; }
+
+private:
+    std::atomic<bool> on_{false};
+};
+
+status_t run(const sp<IBinder>& binder, uint32_t code, uint32_t flags, const uint8_t* data,
+             size_t len, Parcel* reply) {
+    try {
+        Parcel in;
+        status_t err = in.setData(data, len);
+        if (err != OK) return err;
+        err = binder->transact(code, in, reply, flags);
+        if (reply->dataSize() > kBinderTransactionMax) {
+            BLOGW("binder reply of %zu bytes dropped", reply->dataSize());
+            reply->freeData();
+            return FAILED_TRANSACTION;
+        }
+        return err;
+    } catch (const std::exception& e) {
+        BLOGE("binder transaction %u failed: %s", code, e.what());
+    } catch (...) {
+        BLOGE("binder transaction %u failed", code);
+    }
+    reply->freeData();
+    return FAILED_TRANSACTION;
+}
+
+// False when the connection must be closed.
+bool sendReply(Connection* c, status_t status, const Parcel& reply) {
+    const int32_t st = status;
+    if (sendTwoParts(c->fd, &st, kStatusSize, reply.data(), reply.dataSize(), MSG_DONTWAIT) >= 0) {
+        return true;
+    }
+    if (errno == EMSGSIZE) {
+        // Too large even for a raised send buffer (a host without the privilege).
+        BLOGW("binder reply of %zu bytes too large for the socket", reply.dataSize());
+        return sendReply(c, FAILED_TRANSACTION, Parcel());
+    }
+    if (errno != EAGAIN && errno != EWOULDBLOCK) return false;
+    // The client has not read its earlier replies: park this one.
+    c->pending.resize(kStatusSize + reply.dataSize());
+    memcpy(c->pending.data(), &st, kStatusSize);
+    if (reply.dataSize() > 0)
+        memcpy(c->pending.data() + kStatusSize, reply.data(), reply.dataSize());
+    return true;
+}
+
+bool flushPending(Connection* c) {
+    if (sendTwoParts(c->fd, c->pending.data(), c->pending.size(), nullptr, 0, MSG_DONTWAIT) >= 0) {
+        c->pending.clear();
+        return true;
+    }
+    return errno == EAGAIN || errno == EWOULDBLOCK;
+}
+
+// Each message a connection receives then comes with its sender's
+// credentials, which tells an empty request from the end of the stream: recv
+// gives 0 for both.
+void passCredentials(int fd) {
+    const int one = 1;
+    setsockopt(fd, SOL_SOCKET, SO_PASSCRED, &one, sizeof(one));
+}
+
+// For a 0 from recv() that came without credentials.
+bool peerGone(int fd, uint32_t events) {
+    if (events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) return true;
+    pollfd p{fd, POLLRDHUP, 0};
+    return poll(&p, 1, 0) == 1 && (p.revents & (POLLHUP | POLLRDHUP | POLLERR)) != 0;
+}
+
+// Reads the requests waiting on the connection, runs them and sends their
+// replies. `buf` holds kBinderTransactionMax + 1 bytes, so a longer request
+// shows. False when the connection must be closed.
+bool serveWaiting(Connection* c, uint32_t events, uint8_t* buf) {
+    if (!c->pending.empty() && !flushPending(c)) return false;
+    // A client quick to send its next request finds this thread still here:
+    // serving it at once saves a trip through epoll. A few at most, so that a
+    // busy client does not keep the thread from others.
+    for (int i = 0; i < kServeBatch && c->pending.empty(); ++i) {
+        ssize_t n;
+        msghdr msg;
+        iovec iov{buf, kBinderTransactionMax + 1};
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
+        do {
+            msg = msghdr{};
+            msg.msg_iov = &iov;
+            msg.msg_iovlen = 1;
+            msg.msg_control = control;
+            msg.msg_controllen = sizeof(control);
+            n = recvmsg(c->fd, &msg, MSG_DONTWAIT | MSG_TRUNC);
+        } while (n < 0 && errno == EINTR);
+        if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK;
+        // The requests a client sent before it left are still served.
+        if (n == 0 && msg.msg_controllen == 0 && peerGone(c->fd, events)) return false;
+        // n is the whole request's length; the buffer holds its start, so even
+        // a request too long to run shows its header and whether it is one-way.
+        const size_t len = static_cast<size_t>(n);
+        uint32_t header[2] = {0, 0};
+        if (len >= kHeaderSize) memcpy(header, buf, sizeof(header));
+        const bool oneway = len >= kHeaderSize && (header[1] & IBinder::FLAG_ONEWAY) != 0;
+        Parcel reply;
+        status_t status = FAILED_TRANSACTION;
+        if (len < kHeaderSize || len > kBinderTransactionMax) {
+            BLOGW("binder request of %zu bytes refused", len);
+        } else {
+            status =
+                run(c->binder, header[0], header[1], buf + kHeaderSize, len - kHeaderSize, &reply);
+        }
+        if (!oneway && !sendReply(c, status, reply)) return false;
+    }
+    return true;
+}
+
 class Host {
 public:
     static Host& get() {
@@ -165,13 +296,6 @@ private:
     bool ensureEpollLocked();
     void workerLoop(int epfd);
     void acceptAll(int epfd, Listener* l);
-    // False when the connection must be closed.
-    bool serve(int epfd, Connection* c, uint32_t events, uint8_t* buf);
-    status_t run(Connection* c, uint32_t code, uint32_t flags, const uint8_t* data, size_t len,
-                 Parcel* reply);
-    // False when the connection must be closed.
-    bool sendReply(Connection* c, status_t status, const Parcel& reply);
-    bool flushPending(Connection* c);
     void closeConnection(Connection* c);
 
     std::mutex mutex_;
@@ -182,6 +306,8 @@ private:
     std::vector<std::thread> threads_;
     size_t threadCount_ = kDefaultThreads;
     bool started_ = false;
+    Episode acceptFailing_;  // accept fails, for want of descriptors or memory
+    Episode full_;           // kBinderMaxConnections are open
 };
 
 bool Host::ensureEpollLocked() {
@@ -305,6 +431,8 @@ void Host::reset() {
         epfd_ = stopFd_ = -1;
         threadCount_ = kDefaultThreads;
         started_ = false;
+        acceptFailing_.clear();
+        full_.clear();
     }
     for (Connection* c : connections) {
         close(c->fd);
@@ -335,7 +463,9 @@ void Host::workerLoop(int epfd) {
         }
         auto* c = static_cast<Connection*>(e);
         c->serving.lock();
-        const bool keep = serve(epfd, c, ev.events, buf.get());
+        const bool keep =
+            serveWaiting(c, ev.events, buf.get()) &&
+            arm(epfd, EPOLL_CTL_MOD, c, (c->pending.empty() ? EPOLLIN : EPOLLOUT) | EPOLLRDHUP);
         c->serving.unlock();
         if (!keep) closeConnection(c);
     }
@@ -346,19 +476,34 @@ void Host::acceptAll(int epfd, Listener* l) {
         int fd = accept4(l->fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
             if (errno == EINTR || errno == ECONNABORTED) continue;
-            if (errno != EAGAIN && errno != EWOULDBLOCK) {
-                // Out of descriptors or memory: back off rather than spin.
-                BLOGE("binder accept: %s", strerror(errno));
-                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            if (errno == EAGAIN || errno == EWOULDBLOCK) break;
+            // Out of descriptors or memory (EMFILE, ENFILE, ENOBUFS, ENOMEM): the
+            // connection stays queued. Back off rather than spin, and say it once.
+            if (acceptFailing_.begin()) {
+                BLOGE("binder accept: %s; retrying quietly until it succeeds", strerror(errno));
             }
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
             break;
         }
-        Connection* c;
+        if (acceptFailing_.end()) BLOGI("binder accept: succeeds again");
+        passCredentials(fd);
+        Connection* c = nullptr;
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            c = new Connection(fd, l->binder);
-            connections_.insert(c);
+            if (connections_.size() < kBinderMaxConnections) {
+                c = new Connection(fd, l->binder);
+                connections_.insert(c);
+            }
         }
+        if (c == nullptr) {
+            close(fd);  // its client sees the end of the stream
+            if (full_.begin()) {
+                BLOGW("binder: %zu connections open, refusing new ones until some close",
+                      kBinderMaxConnections);
+            }
+            continue;
+        }
+        if (full_.end()) BLOGI("binder: accepting connections again");
         // Once added, another pool thread may own (and close) it: not touched again here.
         if (!arm(epfd, EPOLL_CTL_ADD, c, EPOLLIN | EPOLLRDHUP)) {
             BLOGE("binder accept: epoll: %s", strerror(errno));
@@ -366,94 +511,6 @@ void Host::acceptAll(int epfd, Listener* l) {
         }
     }
     arm(epfd, EPOLL_CTL_MOD, l, EPOLLIN);
-}
-
-// recv() gives 0 both for an empty message and for a peer that is gone.
-bool peerGone(int fd, uint32_t events) {
-    if (events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) return true;
-    pollfd p{fd, POLLRDHUP, 0};
-    return poll(&p, 1, 0) == 1 && (p.revents & (POLLHUP | POLLRDHUP | POLLERR)) != 0;
-}
-
-bool Host::serve(int epfd, Connection* c, uint32_t events, uint8_t* buf) {
-    if (!c->pending.empty() && !flushPending(c)) return false;
-    // A client quick to send its next request finds this thread still here:
-    // serving it at once saves a trip through epoll. A few at most, so that a
-    // busy client does not keep the thread from others.
-    for (int i = 0; i < kServeBatch && c->pending.empty(); ++i) {
-        ssize_t n;
-        do {
-            n = recv(c->fd, buf, kBinderTransactionMax + 1, MSG_DONTWAIT | MSG_TRUNC);
-        } while (n < 0 && errno == EINTR);
-        if (n < 0) {
-            if (errno == EAGAIN || errno == EWOULDBLOCK) break;
-            return false;
-        }
-        if (n == 0 && peerGone(c->fd, events)) return false;
-        const size_t len = static_cast<size_t>(n);
-        Parcel reply;
-        status_t status = FAILED_TRANSACTION;
-        bool wantReply = true;
-        if (len < kHeaderSize || len > kBinderTransactionMax) {
-            BLOGW("binder request of %zu bytes refused", len);
-        } else {
-            uint32_t header[2];
-            memcpy(header, buf, sizeof(header));
-            wantReply = (header[1] & IBinder::FLAG_ONEWAY) == 0;
-            status = run(c, header[0], header[1], buf + kHeaderSize, len - kHeaderSize, &reply);
-        }
-        if (wantReply && !sendReply(c, status, reply)) return false;
-    }
-    return arm(epfd, EPOLL_CTL_MOD, c, (c->pending.empty() ? EPOLLIN : EPOLLOUT) | EPOLLRDHUP);
-}
-
-status_t Host::run(Connection* c, uint32_t code, uint32_t flags, const uint8_t* data, size_t len,
-                   Parcel* reply) {
-    try {
-        Parcel in;
-        status_t err = in.setData(data, len);
-        if (err != OK) return err;
-        err = c->binder->transact(code, in, reply, flags);
-        if (reply->dataSize() > kBinderTransactionMax) {
-            BLOGW("binder reply of %zu bytes dropped", reply->dataSize());
-            reply->freeData();
-            return FAILED_TRANSACTION;
-        }
-        return err;
-    } catch (const std::exception& e) {
-        BLOGE("binder transaction %u failed: %s", code, e.what());
-    } catch (...) {
-        BLOGE("binder transaction %u failed", code);
-    }
-    reply->freeData();
-    return FAILED_TRANSACTION;
-}
-
-bool Host::sendReply(Connection* c, status_t status, const Parcel& reply) {
-    const int32_t st = status;
-    if (sendTwoParts(c->fd, &st, kStatusSize, reply.data(), reply.dataSize(), MSG_DONTWAIT) >= 0) {
-        return true;
-    }
-    if (errno == EMSGSIZE) {
-        // Too large even for a raised send buffer (a host without the privilege).
-        BLOGW("binder reply of %zu bytes too large for the socket", reply.dataSize());
-        return sendReply(c, FAILED_TRANSACTION, Parcel());
-    }
-    if (errno != EAGAIN && errno != EWOULDBLOCK) return false;
-    // The client has not read its earlier replies: park this one.
-    c->pending.resize(kStatusSize + reply.dataSize());
-    memcpy(c->pending.data(), &st, kStatusSize);
-    if (reply.dataSize() > 0)
-        memcpy(c->pending.data() + kStatusSize, reply.data(), reply.dataSize());
-    return true;
-}
-
-bool Host::flushPending(Connection* c) {
-    if (sendTwoParts(c->fd, c->pending.data(), c->pending.size(), nullptr, 0, MSG_DONTWAIT) >= 0) {
-        c->pending.clear();
-        return true;
-    }
-    return errno == EAGAIN || errno == EWOULDBLOCK;
 }
 
 void Host::closeConnection(Connection* c) {
@@ -598,5 +655,16 @@ std::string binderSocketDevicePath(const std::string& serviceName) {
 }
 
 void resetBinderHost() { android::Host::get().reset(); }
+
+bool serveBinderRequests(int fd, const android::sp<android::IBinder>& binder) {
+    thread_local std::unique_ptr<uint8_t[]> buf(new uint8_t[kBinderTransactionMax + 1]);
+    android::passCredentials(fd);
+    android::Connection c(fd, binder);
+    pollfd p{fd, POLLIN, 0};
+    do {
+        if (!android::serveWaiting(&c, 0, buf.get()) || !c.pending.empty()) return false;
+    } while (poll(&p, 1, 0) == 1);
+    return true;
+}
 
 }  // namespace tavrend::platform
