@@ -21,6 +21,7 @@
 
 #include "Commands.h"
 #include "config/ConfigLoader.h"
+#include "config/ConfigVariables.h"
 #include "config/Constants.h"
 #include "config/MemoryGuardrailConfig.h"
 #include "config/cjson_ext.h"
@@ -324,6 +325,34 @@ void checkLayout(const cJSON* root, Findings& f) {
     }
 }
 
+// The daemon sizes its histories from the configuration and allocates each
+// whole at start-up (a process's two when it is first seen), 8 bytes a sample.
+constexpr int64_t kMaxHistoryBytes = 16'000'000;
+
+void checkHistories(const CV& c, Findings& f) {
+    const struct {
+        const char* key;
+        int64_t capacity;  // computed as the daemon computes it; below 1 is 1
+        const char* which;
+    } histories[] = {
+        {"system_mem.critical_memory_measurement_time",
+         c.critical_memory_measurement_time /
+             static_cast<int64_t>(tavrend::effectivePeriod(c.memory_read_interval_sec)),
+         "each of the 4 system memory histories (measurement time / memory_read_interval_sec)"},
+        {"proc_scan.num_historical_vals", c.num_historical_vals,
+         "each of the 2 histories of every process"},
+        // Allocated even with latency monitoring disabled.
+        {"device_upl.critical_upl_bad_sample_count_threshold",
+         c.critical_upl_bad_sample_count_threshold, "the latency history"},
+    };
+    for (const auto& h : histories) {
+        if (h.capacity * 8 > kMaxHistoryBytes) {
+            f.warn(h.key, "%" PRId64 " samples of 8 bytes (%" PRId64 " bytes) in %s: over 16 MB",
+                   h.capacity, h.capacity * 8, h.which);
+        }
+    }
+}
+
 // Loads the daemon configuration as the daemon does; false when it cannot.
 bool checkDaemonConfig(CV& config, Findings& f) {
     const bool override = property_get_bool(tavrend::kConfigOverrideProperty, false);
@@ -353,6 +382,7 @@ bool checkDaemonConfig(CV& config, Findings& f) {
         printf("  %-54s %-16s %s\n", nameOf(s).c_str(), valueOf(s, config).c_str(), source.c_str());
         checkValue(s, item, config, f);
     }
+    checkHistories(config, f);
     return true;
 }
 
@@ -522,6 +552,20 @@ bool checkGuardrails(const CV& config, Findings& f) {
     for (const MemoryGuardrailConfig& r : rows) {
         printf("  %-32s soft %-12s hard %s\n", quoted(r.name).c_str(),
                limitText(r.soft_memory_limit).c_str(), limitText(r.hard_memory_limit).c_str());
+    }
+    // A pass sleeps after every row while holding the guardrail lock, and a new
+    // pass, a thread of its own, starts every check interval whether or not the
+    // last one has ended.
+    const uint64_t pass =
+        rows.size() * static_cast<uint64_t>(std::max(0, config.pss_sleep_interval_sec));
+    const uint64_t period = tavrend::effectivePeriod(config.guardrail_check_interval_sec);
+    if (pass > 0 && pass >= period) {
+        f.warn("process_guardrail.pss_sleep_interval_sec",
+               "%d s after each of %zu guardrail rows: a pass takes %" PRIu64
+               " s, a new one starts every %" PRIu64
+               " s (guardrail_check_interval_sec): passes queue on the guardrail lock without "
+               "end, one thread each",
+               config.pss_sleep_interval_sec, rows.size(), pass, period);
     }
     const cJSON* processes = cJSON_GetObjectItem(file.root(), "processes");
     size_t row = 0;

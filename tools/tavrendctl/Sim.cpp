@@ -14,14 +14,18 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cmath>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -63,13 +67,17 @@ int usage() {
         "   \"device\": {\"meminfo\": {NAME: kB}, \"lmk_stats\": {CLASS: N},\n"
         "              \"processes\": [{\"pid\", \"name\", \"cmdline\", \"rss_kb\", \"swap_kb\",\n"
         "                             \"pss_kb\", \"graphics_kb\"}], \"user_active\": BOOL},\n"
-        "   \"timeline\": [{\"at\": S, ONE OF \"lmk_stats\": {...} | \"meminfo\": {...} |\n"
+        "   \"upl_clients\": N (connections sending the latency samples at once),\n"
+        "   \"timeline\": [{\"at\": S, [\"every\": S, \"times\": N,]\n"
+        "                 ONE OF \"lmk_stats\": {...} | \"meminfo\": {...} |\n"
         "                 \"process\": {...} | \"exit\": PID | \"user_active\": BOOL |\n"
         "                 \"upl\": [MS, ...] | \"sigterm\": true}],\n"
         "   \"expect\": {\"condition\": \"none\"|\"memory\"|\"latency\",\n"
         "              \"detected_between\": [S, S], \"reboot\": BOOL,\n"
         "              \"reboot_between\": [S, S], \"killed\": {NAME: \"hard\"|\"idle\"},\n"
-        "              \"metric_records\": [TEXT, ...],\n"
+        "              \"metric_records\": [TEXT, ...], \"kill_totals\": {NAME: N},\n"
+        "              \"upl_total\": N, \"daemon_flat\": {\"from\": S, \"fds\": N,\n"
+        "              \"vmrss_kb\": KB},\n"
         "              \"ends\": \"reboot\"|\"sigterm\"|\"exit N\"|\"signal NAME\"|\"timeout\"}}\n"
         "\n"
         "--scale N overrides the scenario's scale (default 1): N simulated seconds per\n"
@@ -186,30 +194,131 @@ void forceUnmount(const std::string& mountPoint, const std::string& logPath) {
     }
 }
 
+constexpr const char* kNoService = "service not found";
+
 // One latency sample through the daemon's binder service, as `tavrendctl upl`
-// sends it. Empty on success, else what went wrong.
-std::string sendUpl(int64_t ms) {
-    auto binder = android::defaultServiceManager()->checkService(
-        android::String16(android::kTavrendIpcServiceName));
-    if (binder == nullptr) return "service not found";
+// sends it, on the connection `binder` (made when null, dropped when broken).
+// Empty on success, else what went wrong.
+std::string sendUpl(android::sp<android::IBinder>& binder, int64_t ms) {
+    if (binder == nullptr) {
+        binder = android::defaultServiceManager()->checkService(
+            android::String16(android::kTavrendIpcServiceName));
+    }
+    if (binder == nullptr) return kNoService;
     android::Parcel data;
     android::Parcel reply;
     data.writeInterfaceToken(android::String16(android::kTavrendIpcDescriptor));
     data.writeInt64(ms);
     const android::status_t status =
         binder->transact(android::kRecordDuplTransaction, data, &reply);
-    if (status != android::OK) return "status " + std::to_string(status);
+    if (status != android::OK) {
+        binder = nullptr;
+        return "status " + std::to_string(status);
+    }
     int32_t result = 0;
     if (reply.readInt32(&result) != android::OK) return "no reply";
     if (result != 0) return "reply " + std::to_string(result);
     return {};
 }
 
+// Several clients of the latency service, each on a connection of its own
+// kept for the whole run and a thread of its own, so that samples reach the
+// daemon at once; the samples of an event are dealt to them in turn.
+class UplClients {
+public:
+    explicit UplClients(int clients) : queues_(static_cast<size_t>(clients)) {
+        for (size_t i = 0; i < queues_.size(); ++i) threads_.emplace_back([this, i] { run(i); });
+    }
+    ~UplClients() { finish(); }
+    UplClients(const UplClients&) = delete;
+    UplClients& operator=(const UplClients&) = delete;
+
+    void send(double at, const std::vector<int64_t>& samples) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        for (int64_t ms : samples) queues_[next_++ % queues_.size()].emplace_back(at, ms);
+        wake_.notify_all();
+    }
+    // Sends what is queued, then closes the connections.
+    void finish() {
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            finishing_ = true;
+            wake_.notify_all();
+        }
+        for (auto& t : threads_) t.join();
+        threads_.clear();
+    }
+    int sent() const { return sent_; }  // once finished
+    const std::vector<std::string>& errors() const { return errors_; }
+
+private:
+    void run(size_t i) {
+        android::sp<android::IBinder> binder;
+        bool connected = false;
+        std::unique_lock<std::mutex> lock(mutex_);
+        while (true) {
+            wake_.wait(lock, [&] { return finishing_ || !queues_[i].empty(); });
+            if (queues_[i].empty()) return;
+            const auto [at, ms] = queues_[i].front();
+            queues_[i].pop_front();
+            lock.unlock();
+            // The first sample waits a moment for a daemon still starting up
+            // (its service is registered after the configuration is loaded).
+            const auto deadline = Clock::now() + std::chrono::seconds(3);
+            std::string error = sendUpl(binder, ms);
+            while (!connected && error == kNoService && Clock::now() < deadline) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+                error = sendUpl(binder, ms);
+            }
+            connected = connected || error != kNoService;
+            lock.lock();
+            ++sent_;
+            if (!error.empty()) errors_.push_back("at " + secs(at) + ": " + error);
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::vector<std::deque<std::pair<double, int64_t>>> queues_;
+    size_t next_ = 0;
+    bool finishing_ = false;
+    int sent_ = 0;
+    std::vector<std::string> errors_;
+    std::vector<std::thread> threads_;
+};
+
 struct Kill {
     double at = 0;
-    std::string name;
-    std::string kind;  // hard or idle
+    int pid = 0;
+    std::string name;                   // the guarded name the daemon logged
+    std::optional<std::string> holder;  // the program on the pid then, if any
+    std::string kind;                   // hard or idle
 };
+
+// The name a kill is judged by: the program it hit.
+std::string victim(const Kill& k) { return k.holder.value_or("(no process)"); }
+
+// The daemon's descriptors and resident memory at one moment.
+struct DaemonSample {
+    double at = 0;
+    long fds = 0;
+    long vmrssKb = 0;
+};
+
+std::optional<DaemonSample> sampleDaemon(pid_t pid, double at) {
+    const std::string dir = "/proc/" + std::to_string(pid);
+    DaemonSample d{at, 0, -1};
+    std::error_code ec;
+    for (fs::directory_iterator it(dir + "/fd", ec), end; !ec && it != end; it.increment(ec)) {
+        ++d.fds;
+    }
+    std::ifstream status(dir + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (sscanf(line.c_str(), "VmRSS: %ld kB", &d.vmrssKb) == 1) break;
+    }
+    if (ec || d.vmrssKb < 0) return std::nullopt;
+    return d;
+}
 
 // What the daemon did, read from its log as it runs.
 struct Outcome {
@@ -233,6 +342,10 @@ struct Outcome {
     double endedAt = 0;
     int uplSent = 0;
     std::vector<std::string> uplErrors;
+    long uplCounted = 0;                        // the highest "Total samples" the daemon logged
+    std::map<std::string, long> recordedKills;  // killCount of the guardrail records, by name
+    std::vector<DaemonSample> daemon;
+    std::optional<std::string> hardKill;  // a hard kill's name, until its driver request
     std::vector<std::string> runErrors;
 };
 
@@ -310,7 +423,12 @@ private:
     double last_ = 0;
 };
 
-void observe(Outcome& o, long lineNo, double t, const std::string& msg) {
+// Every kill names the program that held the pid when the daemon asked the
+// driver for it ("Trying to kill pid N", logged just before); the runner owns
+// the device, so it knows.
+void observe(Outcome& o, DeviceState& device, long lineNo, double t, const std::string& msg) {
+    int pid = 0;
+    long n = 0;
     if (o.reportOpen) {
         if (msg == "Critical condition is detected" ||
             startsWith(msg, "Starting post-critical condition idle detection") ||
@@ -338,12 +456,28 @@ void observe(Outcome& o, long lineNo, double t, const std::string& msg) {
     } else if (startsWith(msg, "Memory usage for ") &&
                msg.find(") exceeds hard guardrails, killing it immediately") != std::string::npos) {
         std::string name = msg.substr(strlen("Memory usage for "));
-        name = name.substr(0, name.rfind(" ("));
-        o.kills.push_back({t, name, "hard"});
+        o.hardKill = name.substr(0, name.rfind(" ("));
+    } else if (sscanf(msg.c_str(), "Trying to kill pid %d", &pid) == 1) {
+        o.kills.push_back(
+            {t, pid, o.hardKill.value_or(""), device.holder(pid), o.hardKill ? "hard" : ""});
+        o.hardKill.reset();
+    } else if (sscanf(msg.c_str(), "Successfully killed pid %d", &pid) == 1) {
+        device.killed(pid);
     } else if (startsWith(msg, "process=") && msg.find(" kill_count=") != std::string::npos) {
         --o.pending;
         const std::string rest = msg.substr(strlen("process="));
-        o.kills.push_back({t, rest.substr(0, rest.rfind(" pid=")), "idle"});
+        const size_t at = rest.rfind(" pid=");
+        pid = atoi(rest.c_str() + at + 5);
+        auto k = std::find_if(o.kills.rbegin(), o.kills.rend(),
+                              [&](const Kill& x) { return x.pid == pid && x.kind.empty(); });
+        if (k == o.kills.rend()) {
+            o.kills.push_back({t, pid, "", device.holder(pid), ""});
+            k = o.kills.rbegin();
+        }
+        k->name = rest.substr(0, at);
+        k->kind = "idle";
+    } else if (sscanf(msg.c_str(), "Total samples=%ld,", &n) == 1) {
+        o.uplCounted = std::max(o.uplCounted, n);
     } else if (startsWith(msg, "process=") && msg.find("no longer over") != std::string::npos) {
         --o.pending;
     } else if (msg == "Rebooting device") {
@@ -363,7 +497,7 @@ void observe(Outcome& o, long lineNo, double t, const std::string& msg) {
 std::string killedKinds(const Outcome& o, const std::string& name) {
     std::set<std::string> kinds;
     for (const Kill& k : o.kills) {
-        if (k.name == name) kinds.insert(k.kind);
+        if (victim(k) == name) kinds.insert(k.kind);
     }
     std::string out;
     for (const auto& k : kinds) out += (out.empty() ? "" : ",") + k;
@@ -373,9 +507,10 @@ std::string killedKinds(const Outcome& o, const std::string& name) {
 bool rebooted(const Outcome& o) { return o.powerctlReboot && o.rebootLogAt.has_value(); }
 
 std::string ending(const Outcome& o, const Scenario& s) {
-    if (o.timedOut) return "timeout";
     if (!o.waitStatus) return "unknown";
     const int st = *o.waitStatus;
+    // Killed by the runner, and seen to end by that kill.
+    if (o.timedOut) return WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL ? "timeout" : "unknown";
     const bool exited0 = WIFEXITED(st) && WEXITSTATUS(st) == 0;
     if (exited0 && rebooted(o) && !o.sigtermAt) return "reboot";
     if (o.sigtermAt) {
@@ -404,6 +539,33 @@ std::string howEnded(const Outcome& o) {
     return text;
 }
 
+// The lowest figures of the first and of the last kFlatWindowSec of the
+// samples from `from` on: a file the daemon holds open for a moment, or a
+// thread between two passes, does not count as growth.
+constexpr double kFlatWindowSec = 600;
+
+struct FlatEnds {
+    DaemonSample first;
+    DaemonSample last;
+};
+
+std::optional<FlatEnds> flatEnds(const std::vector<DaemonSample>& samples, double from) {
+    if (samples.empty() || samples.back().at < from + 2 * kFlatWindowSec) return std::nullopt;
+    const double end = samples.back().at;
+    auto lowest = [&](double a, double b) {
+        DaemonSample low{a, LONG_MAX, LONG_MAX};
+        for (const auto& d : samples) {
+            if (d.at < a || d.at > b) continue;
+            low.fds = std::min(low.fds, d.fds);
+            low.vmrssKb = std::min(low.vmrssKb, d.vmrssKb);
+        }
+        return low;
+    };
+    FlatEnds f{lowest(from, from + kFlatWindowSec), lowest(end - kFlatWindowSec, end)};
+    if (f.first.fds == LONG_MAX || f.last.fds == LONG_MAX) return std::nullopt;
+    return f;
+}
+
 std::vector<std::string> compare(const Scenario& s, const Outcome& o) {
     const Expect& x = s.expect;
     std::vector<std::string> diffs;
@@ -430,7 +592,7 @@ std::vector<std::string> compare(const Scenario& s, const Outcome& o) {
     }
     if (x.killed) {
         std::set<std::string> names;
-        for (const Kill& k : o.kills) names.insert(k.name);
+        for (const Kill& k : o.kills) names.insert(victim(k));
         for (const auto& [name, kind] : *x.killed) names.insert(name);
         for (const auto& name : names) {
             const auto it = x.killed->find(name);
@@ -464,6 +626,68 @@ std::vector<std::string> compare(const Scenario& s, const Outcome& o) {
     }
     const std::string ends = ending(o, s);
     if (x.ends && *x.ends != ends) diffs.push_back("ends: expected " + *x.ends + ", got " + ends);
+    if (x.killTotals) {
+        // Totals, not records: on the fast clock the daemon's ticks lag, and
+        // how many records the kills are spread over varies. The records count
+        // by guarded name, and must hold every kill the log shows.
+        using Counts = std::map<std::string, long>;
+        Counts byVictim;
+        Counts byGuardedName;
+        for (const Kill& k : o.kills) {
+            ++byVictim[victim(k)];
+            ++byGuardedName[k.name];
+        }
+        auto count = [](const Counts& m, const std::string& name) {
+            const auto it = m.find(name);
+            return it == m.end() ? 0L : it->second;
+        };
+        auto differ = [&](const Counts& want, const Counts& got, const std::string& what) {
+            std::set<std::string> names;
+            for (const Counts* m : {&want, &got}) {
+                for (const auto& entry : *m) names.insert(entry.first);
+            }
+            for (const auto& name : names) {
+                if (count(want, name) == count(got, name)) continue;
+                std::string d = "kills of ";
+                d += name;
+                d += what;
+                d += std::to_string(count(want, name));
+                d += ", got ";
+                d += std::to_string(count(got, name));
+                diffs.push_back(std::move(d));
+            }
+        };
+        differ(*x.killTotals, byVictim, ": expected ");
+        differ(byGuardedName, o.recordedKills, " in MemoryGuardrail records: the log shows ");
+    }
+    if (x.uplTotal) {
+        const long ok = o.uplSent - static_cast<long>(o.uplErrors.size());
+        if (ok != *x.uplTotal || o.uplCounted != *x.uplTotal) {
+            diffs.push_back("latency samples: expected " + std::to_string(*x.uplTotal) +
+                            " sent and counted, got " + std::to_string(ok) +
+                            " sent without error, " + std::to_string(o.uplCounted) +
+                            " counted (the highest Total samples logged)");
+        }
+    }
+    if (x.daemonFlat) {
+        const auto& f = *x.daemonFlat;
+        const auto ends = flatEnds(o.daemon, f.fromSec);
+        if (!ends) {
+            diffs.push_back("daemon figures: too few samples from " + secs(f.fromSec));
+        } else {
+            const long fds = ends->last.fds - ends->first.fds;
+            const long vmrssKb = ends->last.vmrssKb - ends->first.vmrssKb;
+            if (f.fds && fds > *f.fds) {
+                diffs.push_back("descriptors: grew by " + std::to_string(fds) + " from " +
+                                secs(f.fromSec) + ", expected at most " + std::to_string(*f.fds));
+            }
+            if (f.vmrssKb && vmrssKb > *f.vmrssKb) {
+                diffs.push_back("VmRSS: grew by " + std::to_string(vmrssKb) + " kB from " +
+                                secs(f.fromSec) + ", expected at most " +
+                                std::to_string(*f.vmrssKb) + " kB");
+            }
+        }
+    }
     return diffs;
 }
 
@@ -486,15 +710,51 @@ void printSummary(const std::string& path, const Scenario& s, double scale, cons
     }
     if (o.kills.empty()) printf("kills: none\n");
     for (const Kill& k : o.kills) {
-        printf("kill: %s (%s) at %s\n", k.name.c_str(), k.kind.c_str(), secs(k.at).c_str());
+        // The guarded name is what the daemon logged; the victim is who held the pid.
+        const char* reason = k.kind == "hard" ? "measured as" : "queued for";
+        if (k.holder == k.name) {
+            printf("kill: %s (%s) at %s, pid %d\n", k.name.c_str(), k.kind.c_str(),
+                   secs(k.at).c_str(), k.pid);
+        } else {
+            printf("kill: %s (%s) at %s: pid %d held by %s, %s %s\n", victim(k).c_str(),
+                   k.kind.c_str(), secs(k.at).c_str(), k.pid,
+                   k.holder.value_or("no process").c_str(), reason, k.name.c_str());
+        }
+    }
+    if (!o.recordedKills.empty()) {
+        printf("kills in MemoryGuardrail records:");
+        for (const auto& [name, n] : o.recordedKills) printf(" %s %ld", name.c_str(), n);
+        printf("\n");
     }
     if (o.pending != 0) printf("pending kills at the end: %d\n", o.pending);
     printf("metric records (%s/metrics.log): %zu\n", logs.c_str(), o.metrics.size());
     for (const auto& [t, text] : o.metrics) printf("  at %s: %s\n", secs(t).c_str(), text.c_str());
     if (o.uplSent > 0 || !o.uplErrors.empty()) {
-        printf("latency samples sent: %d, failed: %zu%s%s\n", o.uplSent, o.uplErrors.size(),
-               o.uplErrors.empty() ? "" : " (first: ",
-               o.uplErrors.empty() ? "" : (o.uplErrors.front() + ")").c_str());
+        printf(
+            "latency samples sent: %d over %d connection%s, failed: %zu%s%s; counted by the "
+            "daemon: %ld\n",
+            o.uplSent, s.uplClients, s.uplClients == 1 ? "" : "s", o.uplErrors.size(),
+            o.uplErrors.empty() ? "" : " (first: ",
+            o.uplErrors.empty() ? "" : (o.uplErrors.front() + ")").c_str(), o.uplCounted);
+    }
+    if (!o.daemon.empty()) {
+        const auto& [lowFds, highFds] = std::minmax_element(
+            o.daemon.begin(), o.daemon.end(),
+            [](const DaemonSample& a, const DaemonSample& b) { return a.fds < b.fds; });
+        const auto& [lowRss, highRss] = std::minmax_element(
+            o.daemon.begin(), o.daemon.end(),
+            [](const DaemonSample& a, const DaemonSample& b) { return a.vmrssKb < b.vmrssKb; });
+        printf("daemon, %zu samples from %s to %s: descriptors %ld to %ld, VmRSS %ld to %ld kB\n",
+               o.daemon.size(), secs(o.daemon.front().at).c_str(), secs(o.daemon.back().at).c_str(),
+               lowFds->fds, highFds->fds, lowRss->vmrssKb, highRss->vmrssKb);
+        const double from = s.expect.daemonFlat ? s.expect.daemonFlat->fromSec : 3600;
+        if (const auto f = flatEnds(o.daemon, from)) {
+            printf(
+                "daemon from %s on (lowest of the first and of the last %s): descriptors %ld "
+                "then %ld, VmRSS %ld kB then %ld kB\n",
+                secs(from).c_str(), secs(kFlatWindowSec).c_str(), f->first.fds, f->last.fds,
+                f->first.vmrssKb, f->last.vmrssKb);
+        }
     }
     if (rebooted(o)) {
         printf("reboot: requested at %s (sys.powerctl = reboot)\n", secs(*o.rebootLogAt).c_str());
@@ -511,8 +771,10 @@ void printSummary(const std::string& path, const Scenario& s, double scale, cons
     }
     printf("ended: %s at %s (%s)\n", howEnded(o).c_str(), secs(o.endedAt).c_str(),
            ending(o, s).c_str());
-    printf("logs: %s (system.log, main.log, metrics.log, daemon.out, dravikfs.out)\n",
-           logs.c_str());
+    printf(
+        "logs: %s (system.log, main.log, metrics.log, daemon.out, dravikfs.out, "
+        "daemon_figures.tsv)\n",
+        logs.c_str());
 }
 
 class StatusLine {
@@ -562,13 +824,17 @@ struct Run {
     pid_t dravik = -1;
     pid_t daemon = -1;
 
-    // Stops dravikfs, unmounts and removes the root (the logs stay).
+    // Kills the daemon; its wait status once it has ended.
+    std::optional<int> killDaemon() {
+        kill(daemon, SIGKILL);
+        const auto status = waitFor(daemon, std::chrono::seconds(5));
+        daemon = -1;
+        return status;
+    }
+
+    // Stops the daemon and dravikfs, unmounts and removes the root (the logs stay).
     void cleanup() {
-        if (daemon > 0) {
-            kill(daemon, SIGKILL);
-            waitFor(daemon, std::chrono::seconds(5));
-            daemon = -1;
-        }
+        if (daemon > 0) killDaemon();
         if (dravik > 0) {
             kill(dravik, SIGTERM);
             if (!waitFor(dravik, std::chrono::seconds(5))) {
@@ -686,19 +952,25 @@ int play(const std::string& path, const Scenario& s, double scale) {
     DeviceState device(run.root, s);
     LogTail log(run.logs + "/system.log");
     StatusLine status;
+    UplClients upl(s.uplClients);
     size_t next = 0;
     auto simNow = [&] {
         return std::chrono::duration<double>(Clock::now() - start).count() * scale;
     };
     auto observeLog = [&] {
-        log.poll([&](long n, double t, const std::string& m) { observe(o, n, t, m); });
+        log.poll([&](long n, double t, const std::string& m) { observe(o, device, n, t, m); });
     };
+    // The daemon's descriptors and VmRSS once a simulated minute (20 a real second at most).
+    double sampledAt = -1e9;
+    auto lastSample = start;
     std::optional<Clock::time_point> sigtermReal;
     // After SIGTERM the daemon gets 60 simulated seconds, at least 3 real ones,
     // to end; then it is killed, as init would at shutdown.
     const auto grace = std::chrono::duration_cast<Clock::duration>(
         std::chrono::duration<double>(std::max(3.0, 60.0 / scale)));
     while (true) {
+        // The log first: a kill it shows happened before the events now due.
+        observeLog();
         const double t = simNow();
         for (; next < s.timeline.size() && s.timeline[next].at <= t && !sigtermReal; ++next) {
             const Event& e = s.timeline[next];
@@ -707,17 +979,18 @@ int play(const std::string& path, const Scenario& s, double scale) {
                 o.sigtermAt = t;
                 sigtermReal = Clock::now();
             } else if (e.kind == Event::Kind::Upl) {
-                for (int64_t ms : e.upl) {
-                    const std::string err = sendUpl(ms);
-                    ++o.uplSent;
-                    if (!err.empty()) o.uplErrors.push_back("at " + secs(t) + ": " + err);
-                }
+                upl.send(t, e.upl);
             } else if (!device.apply(e, error)) {
                 o.runErrors.push_back(error);
                 fprintf(stderr, "tavrendctl: at %s: %s\n", secs(t).c_str(), error.c_str());
             }
         }
-        observeLog();
+        if (!sigtermReal && t - sampledAt >= 60 &&
+            Clock::now() - lastSample >= std::chrono::milliseconds(50)) {
+            if (const auto d = sampleDaemon(run.daemon, t)) o.daemon.push_back(*d);
+            sampledAt = t;
+            lastSample = Clock::now();
+        }
         int st = 0;
         if (waitpid(run.daemon, &st, WNOHANG) == run.daemon) {
             o.waitStatus = st;
@@ -730,10 +1003,8 @@ int play(const std::string& path, const Scenario& s, double scale) {
             sigtermReal = Clock::now();
         }
         if (sigtermReal && Clock::now() - *sigtermReal > grace) {
-            kill(run.daemon, SIGKILL);
-            o.waitStatus = waitFor(run.daemon, std::chrono::seconds(5));
+            o.waitStatus = run.killDaemon();
             o.timedOut = true;
-            run.daemon = -1;
             break;
         }
         status.update(t, o, device.userActive(), false);
@@ -744,6 +1015,9 @@ int play(const std::string& path, const Scenario& s, double scale) {
     observeLog();
     status.update(o.endedAt, o, device.userActive(), true);
     status.finish();
+    upl.finish();
+    o.uplSent = upl.sent();
+    o.uplErrors = upl.errors();
 
     std::ifstream powerctl(run.root + "/dev/__properties__/sys.powerctl");
     std::string value;
@@ -753,9 +1027,23 @@ int play(const std::string& path, const Scenario& s, double scale) {
     std::string line;
     while (std::getline(metrics, line)) {
         const auto parsed = logcat::parse(line);
-        if (parsed) o.metrics.emplace_back(log.timeOf(parsed), std::string(parsed->message));
+        if (!parsed) continue;
+        const std::string text(parsed->message);
+        o.metrics.emplace_back(log.timeOf(parsed), text);
+        const size_t name = text.find("processName=");
+        const size_t count = text.find("killCount=");
+        if (name != std::string::npos && count != std::string::npos) {
+            const size_t from = name + strlen("processName=");
+            o.recordedKills[text.substr(from, text.find(';', from) - from)] +=
+                atol(text.c_str() + count + strlen("killCount="));
+        }
     }
     run.cleanup();
+    if (FILE* f = fopen((run.logs + "/daemon_figures.tsv").c_str(), "w")) {
+        fprintf(f, "second\tdescriptors\tvmrss_kb\n");
+        for (const auto& d : o.daemon) fprintf(f, "%.0f\t%ld\t%ld\n", d.at, d.fds, d.vmrssKb);
+        fclose(f);
+    }
     // The root is gone; what is left of the run is its logs.
     printSummary(path, s, scale, o, run.logs, realSec);
     if (gInterrupted) {

@@ -24,9 +24,14 @@ constexpr double kMaxKb = 1e15;
 constexpr int kMaxPid = 4194304;      // the kernel's pid_max ceiling
 constexpr size_t kMaxNameBytes = 15;  // the kernel's comm length
 constexpr size_t kMaxUplSamples = 10000;
+constexpr size_t kMaxEvents = 200000;  // once repeats are spelled out
+constexpr double kMaxRepeats = 100000;
+constexpr double kMaxUplClients = 16;
 
 // The daemon's settings when the scenario leaves them out: quick periods, so
-// that a scenario plays in simulated minutes.
+// that a scenario plays in simulated minutes. No pause between guardrail rows,
+// so that a pass never outlasts the check interval however many rows there are
+// (passes would queue on the guardrail lock, a thread each).
 const char* const kDefaultConfig = R"({
   "system_mem": {
     "memory_read_interval_sec": 1,
@@ -63,8 +68,8 @@ const char* const kDefaultConfig = R"({
   },
   "process_guardrail": {
     "process_guardrail_monitoring_enabled": false,
-    "guardrail_check_interval_sec": 2,
-    "pss_sleep_interval_sec": 1,
+    "guardrail_check_interval_sec": 5,
+    "pss_sleep_interval_sec": 0,
     "process_kill_metrics_interval_sec": 30
   }
 })";
@@ -429,24 +434,55 @@ bool loadDevice(const cJSON* device, Scenario& s, std::string& error) {
     return true;
 }
 
-bool loadEvent(const cJSON* item, const std::string& what, double endSec, Event& e,
-               std::string& error) {
-    if (!onlyKeys(
-            item, what,
-            {"at", "lmk_stats", "meminfo", "process", "exit", "user_active", "upl", "sigterm"},
-            error)) {
+// "every": N, "times": M repeat an event M times, N simulated seconds apart.
+bool loadRepeat(const cJSON* item, const std::string& what, double at, double endSec, double& every,
+                int& times, std::string& error) {
+    const cJSON* everyItem = cJSON_GetObjectItemCaseSensitive(item, "every");
+    const cJSON* timesItem = cJSON_GetObjectItemCaseSensitive(item, "times");
+    if ((everyItem == nullptr) != (timesItem == nullptr)) {
+        error = what + ": \"every\" (seconds apart) and \"times\" go together";
+        return false;
+    }
+    if (everyItem == nullptr) return true;
+    double n = 0;
+    if (!number(everyItem, what + ".every", 1, endSec, false, every, error) ||
+        !number(timesItem, what + ".times", 1, kMaxRepeats, true, n, error)) {
+        return false;
+    }
+    times = static_cast<int>(n);
+    if (at + every * (times - 1) > endSec) {
+        std::ostringstream last;
+        last << what << " repeats past end_sec: its last time would be "
+             << at + every * (times - 1);
+        error = last.str();
+        return false;
+    }
+    return true;
+}
+
+bool loadEvent(const cJSON* item, const std::string& what, double endSec, Event& e, double& every,
+               int& times, std::string& error) {
+    if (!onlyKeys(item, what,
+                  {"at", "every", "times", "lmk_stats", "meminfo", "process", "exit", "user_active",
+                   "upl", "sigterm"},
+                  error)) {
         return false;
     }
     if (!number(cJSON_GetObjectItemCaseSensitive(item, "at"), what + ".at", 0, endSec, false, e.at,
-                error)) {
-        return false;
-    }
-    if (cJSON_GetArraySize(item) != 2) {
-        error = what + " needs \"at\" and exactly one change";
+                error) ||
+        !loadRepeat(item, what, e.at, endSec, every, times, error)) {
         return false;
     }
     const cJSON* change = item->child;
-    if (strcmp(change->string, "at") == 0) change = change->next;
+    while (change != nullptr &&
+           (strcmp(change->string, "at") == 0 || strcmp(change->string, "every") == 0 ||
+            strcmp(change->string, "times") == 0)) {
+        change = change->next;
+    }
+    if (cJSON_GetArraySize(item) != (every > 0 ? 4 : 2) || change == nullptr) {
+        error = what + " needs \"at\" and exactly one change";
+        return false;
+    }
     const std::string key = change->string;
     const std::string at = what + "." + key;
     if (key == "lmk_stats") {
@@ -475,8 +511,8 @@ bool loadEvent(const cJSON* item, const std::string& what, double endSec, Event&
     }
     if (key == "sigterm") {
         e.kind = Event::Kind::Sigterm;
-        if (!cJSON_IsTrue(change)) {
-            error = at + " must be true";
+        if (!cJSON_IsTrue(change) || every > 0) {
+            error = at + " must be true, once";
             return false;
         }
         return true;
@@ -523,7 +559,7 @@ bool loadExpect(const cJSON* item, Expect& x, std::string& error) {
     if (item == nullptr) return true;
     if (!onlyKeys(item, "expect",
                   {"condition", "detected_between", "reboot", "reboot_between", "killed",
-                   "metric_records", "ends"},
+                   "metric_records", "ends", "kill_totals", "upl_total", "daemon_flat"},
                   error)) {
         return false;
     }
@@ -594,6 +630,45 @@ bool loadExpect(const cJSON* item, Expect& x, std::string& error) {
             return false;
         }
         x.ends = v->valuestring;
+    }
+    double n = 0;
+    if ((v = cJSON_GetObjectItemCaseSensitive(item, "kill_totals")) != nullptr) {
+        if (!cJSON_IsObject(v)) {
+            error = "expect.kill_totals must be an object {\"NAME\": KILLS}";
+            return false;
+        }
+        std::map<std::string, long> totals;
+        const cJSON* k = nullptr;
+        cJSON_ArrayForEach(k, v) {
+            if (!number(k, std::string("expect.kill_totals.") + k->string, 0, 1e9, true, n,
+                        error)) {
+                return false;
+            }
+            totals[k->string] = static_cast<long>(n);
+        }
+        x.killTotals = totals;
+    }
+    if ((v = cJSON_GetObjectItemCaseSensitive(item, "upl_total")) != nullptr) {
+        if (!number(v, "expect.upl_total", 0, 1e9, true, n, error)) return false;
+        x.uplTotal = static_cast<long>(n);
+    }
+    if ((v = cJSON_GetObjectItemCaseSensitive(item, "daemon_flat")) != nullptr) {
+        if (!onlyKeys(v, "expect.daemon_flat", {"from", "fds", "vmrss_kb"}, error)) return false;
+        Expect::Flat flat;
+        const cJSON* from = cJSON_GetObjectItemCaseSensitive(v, "from");
+        if (from != nullptr &&
+            !number(from, "expect.daemon_flat.from", 0, kMaxSeconds, false, flat.fromSec, error)) {
+            return false;
+        }
+        for (const char* key : {"fds", "vmrss_kb"}) {
+            const cJSON* limit = cJSON_GetObjectItemCaseSensitive(v, key);
+            if (limit == nullptr) continue;
+            if (!number(limit, std::string("expect.daemon_flat.") + key, 0, 1e9, true, n, error)) {
+                return false;
+            }
+            (strcmp(key, "fds") == 0 ? flat.fds : flat.vmrssKb) = static_cast<long>(n);
+        }
+        x.daemonFlat = flat;
     }
     return true;
 }
@@ -698,7 +773,7 @@ bool loadScenario(const std::string& path, Scenario& s, std::string& error) {
     }
     if (!onlyKeys(root.p, "the scenario",
                   {"description", "scale", "end_sec", "config", "metric_config", "guardrails",
-                   "device", "timeline", "expect"},
+                   "device", "upl_clients", "timeline", "expect"},
                   error)) {
         return false;
     }
@@ -722,6 +797,12 @@ bool loadScenario(const std::string& path, Scenario& s, std::string& error) {
         return false;
     }
     if (!number(item, "end_sec", 1, kMaxSeconds, false, s.endSec, error)) return false;
+    item = cJSON_GetObjectItemCaseSensitive(root.p, "upl_clients");
+    if (item != nullptr) {
+        double clients = 0;
+        if (!number(item, "upl_clients", 1, kMaxUplClients, true, clients, error)) return false;
+        s.uplClients = static_cast<int>(clients);
+    }
     if (!loadConfig(root.p, s, error)) return false;
     if (!loadDevice(cJSON_GetObjectItemCaseSensitive(root.p, "device"), s, error)) return false;
 
@@ -735,10 +816,21 @@ bool loadScenario(const std::string& path, Scenario& s, std::string& error) {
         const cJSON* child = nullptr;
         cJSON_ArrayForEach(child, item) {
             Event e;
-            if (!loadEvent(child, "timeline[" + std::to_string(i++) + "]", s.endSec, e, error)) {
+            double every = 0;
+            int times = 1;
+            if (!loadEvent(child, "timeline[" + std::to_string(i++) + "]", s.endSec, e, every,
+                           times, error)) {
                 return false;
             }
-            s.timeline.push_back(std::move(e));
+            if (s.timeline.size() + static_cast<size_t>(times) > kMaxEvents) {
+                error = "the timeline has more than " + std::to_string(kMaxEvents) +
+                        " events once its repeats are counted";
+                return false;
+            }
+            for (int k = 0; k < times; ++k) {
+                s.timeline.push_back(e);
+                s.timeline.back().at = e.at + every * k;
+            }
         }
     }
     std::stable_sort(s.timeline.begin(), s.timeline.end(),
@@ -779,6 +871,18 @@ bool writeDeviceRoot(const std::string& root, const Scenario& s, std::string& er
         if (!state.apply(e, error)) return false;
     }
     return true;
+}
+
+std::optional<std::string> DeviceState::holder(int pid) const {
+    const auto it = processes_.find(pid);
+    if (it == processes_.end()) return std::nullopt;
+    return it->second.name;
+}
+
+void DeviceState::killed(int pid) {
+    processes_.erase(pid);
+    std::error_code ec;
+    fs::remove(root_ + "/dev/memtrack/" + std::to_string(pid), ec);
 }
 
 DeviceState::DeviceState(std::string root, const Scenario& s)
@@ -835,6 +939,15 @@ bool DeviceState::apply(const Event& e, std::string& error) {
         case Event::Kind::Process: {
             auto it = processes_.find(e.process.pid);
             const std::vector<std::string>& fields = e.processFields;
+            std::error_code ec;
+            if (it != processes_.end() &&
+                !fs::exists(root_ + "/proc/" + std::to_string(e.process.pid), ec)) {
+                // The daemon killed it: a name starts a new process on the id,
+                // new figures for the dead one are dropped.
+                processes_.erase(it);
+                it = processes_.end();
+            }
+            if (it == processes_.end() && !has(fields, "name")) return true;
             if (it == processes_.end()) {
                 Process p = e.process;
                 completeNewProcess(p, fields);

@@ -44,9 +44,17 @@ struct Expect {
     std::optional<std::map<std::string, std::string>> killed;
     std::optional<std::vector<std::string>> metricRecords;
     std::optional<std::string> ends;
+    std::optional<std::map<std::string, long>> killTotals;
+    std::optional<long> uplTotal;
+    struct Flat {
+        double fromSec = 3600;
+        std::optional<long> fds;
+        std::optional<long> vmrssKb;
+    };
+    std::optional<Flat> daemonFlat;
     bool any() const {
         return condition || detectedBetween || reboot || rebootBetween || killed || metricRecords ||
-               ends;
+               ends || killTotals || uplTotal || daemonFlat;
     }
 };
 
@@ -63,7 +71,8 @@ struct Scenario {
     Figures lmkStats;
     std::map<int, Process> processes;
     bool userActive = true;
-    std::vector<Event> timeline;  // in time order
+    int uplClients = 1;           // binder connections sending the latency samples
+    std::vector<Event> timeline;  // in time order, repeats spelled out
     Expect expect;
 };
 
@@ -79,6 +88,11 @@ public:
     DeviceState(std::string root, const Scenario& s);
     bool apply(const Event& e, std::string& error);  // every kind but Upl and Sigterm
     bool userActive() const { return userActive_; }
+    // The program that holds `pid` now, if any.
+    std::optional<std::string> holder(int pid) const;
+    // The daemon killed `pid`: the driver removed its directory; its memtrack
+    // figures go too, as the memtrack service forgets a dead process.
+    void killed(int pid);
 
 private:
     bool writeProcess(const Process& p, std::string& error);
