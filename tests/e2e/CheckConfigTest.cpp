@@ -46,6 +46,7 @@ TEST(CheckConfig, ExitStatusAndOneWarningPerMistake) {
           "MetricConfig.MemoryGuardrail.Orrery_Metric_Interface.Active"},
          "default"},
         {empty.path(), 2, {}, ""},
+        {source + "/tests/e2e/testdata/no_processes_root", 2, {}, "file"},  // valid JSON
         {"--help", 0, {}, ""},
     };
     for (const auto& c : cases) {

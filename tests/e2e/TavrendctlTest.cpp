@@ -115,7 +115,8 @@ TEST(Tavrendctl, SimRefusesBadScenarios) {
         cJSON_Delete(json);
         ++files;
     }
-    EXPECT_EQ(files, 12u);
+    EXPECT_EQ(files, 13u);
     EXPECT_NE(ctl(root, {"sim", TAVREND_SOURCE_DIR "/README.md"}).output.find("bad scenario:"),
               std::string::npos);  // not JSON at all
+    EXPECT_EQ(ctl(root, {"sim", "-h"}).exitCode, 0);
 }
