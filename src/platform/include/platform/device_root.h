@@ -14,4 +14,9 @@ namespace tavrend::platform {
 FILE* openDeviceFile(const char* devicePath, const char* mode);
 DIR* openDeviceDir(const char* devicePath);
 
+// open(2) of a device path for reading, close-on-exec: a descriptor the caller
+// reads and closes, or -1 with errno set. For the readers that read a kernel
+// text file once a second and don't need a stdio stream's buffer.
+int openDeviceFd(const char* devicePath);
+
 }  // namespace tavrend::platform
