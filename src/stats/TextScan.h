@@ -76,14 +76,17 @@ public:
     // NUL: a command line's first argument. False for an empty file.
     bool firstString(const char*& text);
 
-    // The end of the text last returned: its terminating NUL.
+    // The end of the text last returned by line() or piece(): its terminating NUL.
     const char* textEnd() const { return buf_ + cut_; }
 
     static constexpr size_t kChunk = 4096;  // bytes asked of each read(2)
 
 private:
     // The byte that the last text's terminating NUL replaced goes back.
-    void restore() { buf_[cut_] = saved_; }
+    void restore() {
+        if (cut_ != kNoCut) buf_[cut_] = saved_;
+        cut_ = kNoCut;
+    }
     // Returns the bytes from begin_ to `stop` as a C string.
     const char* take(size_t stop) {
         const char* text = buf_ + begin_;
@@ -103,7 +106,8 @@ private:
     size_t cap_ = kChunk;  // bytes of buf_ for data; one more holds a NUL
     size_t begin_ = 0;     // the first byte not yet returned
     size_t end_ = 0;       // the end of what has been read
-    size_t cut_ = 0;       // where a NUL was written over the data...
+    static constexpr size_t kNoCut = ~size_t{0};
+    size_t cut_ = kNoCut;  // where a NUL was written over the data, if anywhere...
     char saved_ = '\0';    // ...and the byte it replaced
     bool atEnd_ = false;
     std::unique_ptr<char[]> heap_;
