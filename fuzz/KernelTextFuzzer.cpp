@@ -10,10 +10,9 @@
 // no /proc entry), so the readers' open failures are exercised as well.
 //
 // The files are served from memory by the host layer (platform::setMemoryFiles):
-// each open is a private copy of the section's bytes, read and closed by the
-// readers' own code, without a file written per input. Only the /proc/<pid>
-// directories, which the process list reads, are on disk, made and removed as
-// the processes come and go.
+// the readers' own code opens, reads and closes each as any file, and no file
+// is written per input. Only the /proc/<pid> directories, which the process
+// list reads, are on disk, made and removed as the processes come and go.
 //
 // The readers scan by hand for speed; each must read exactly what the scanf
 // format it replaces reads. Every input is read a second time through those

@@ -1,7 +1,5 @@
 #include "stats/TextScan.h"
 
-#include <unistd.h>
-
 #include <cstring>
 
 #include "platform/device_root.h"
@@ -12,7 +10,7 @@ DeviceText::DeviceText(const char* devicePath)
     : fd_(tavrend::platform::openDeviceFd(devicePath)), buf_(inline_) {}
 
 DeviceText::~DeviceText() {
-    if (fd_ >= 0) close(fd_);
+    if (fd_ >= 0) tavrend::platform::closeDeviceFd(fd_);
 }
 
 // Reads more after what is left unreturned, which moves to the front first; a
@@ -34,7 +32,7 @@ bool DeviceText::fill() {
     }
     ssize_t n;
     do {
-        n = read(fd_, buf_ + end_, cap_ - end_);
+        n = tavrend::platform::readDeviceFd(fd_, buf_ + end_, cap_ - end_);
     } while (n < 0 && errno == EINTR);
     if (n <= 0) {
         atEnd_ = true;

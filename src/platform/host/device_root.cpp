@@ -1,9 +1,10 @@
 #include <fcntl.h>
 #include <limits.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -99,30 +100,38 @@ const MemoryFile* memoryFile(const char* devicePath) {
     return nullptr;
 }
 
-// A read-only descriptor on a copy of the entry's bytes, at offset 0.
-int openMemoryFile(const MemoryFile& file) {
+// The descriptors of files opened from memory: kMemoryFdBase + a slot, above
+// any descriptor the kernel hands out (at most the open-file limit, far below).
+constexpr int kMemoryFdBase = 1 << 30;
+struct OpenMemoryFile {
+    const char* data = nullptr;  // nullptr: the slot is free
+    size_t size = 0;
+    size_t offset = 0;
+};
+std::mutex gMemoryMutex;
+std::array<OpenMemoryFile, 64> gOpenMemory;  // guarded by gMemoryMutex
+
+int openMemoryFd(const MemoryFile& file) {
     if (file.data == nullptr) {
         errno = ENOENT;
         return -1;
     }
-    const int fd = memfd_create("tavrend-device-file", MFD_CLOEXEC);
-    if (fd < 0) return -1;
-    size_t done = 0;
-    while (done < file.size) {
-        const ssize_t n = write(fd, file.data + done, file.size - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            close(fd);
-            errno = EIO;
-            return -1;
+    std::lock_guard<std::mutex> lock(gMemoryMutex);
+    for (size_t slot = 0; slot < gOpenMemory.size(); ++slot) {
+        if (gOpenMemory[slot].data == nullptr) {
+            gOpenMemory[slot] = {file.data, file.size, 0};
+            return kMemoryFdBase + static_cast<int>(slot);
         }
-        done += static_cast<size_t>(n);
     }
-    if (lseek(fd, 0, SEEK_SET) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
+    errno = EMFILE;
+    return -1;
+}
+
+// The slot of a descriptor of openMemoryFd; caller holds gMemoryMutex.
+OpenMemoryFile* openMemorySlotLocked(int fd) {
+    const size_t slot = static_cast<size_t>(fd - kMemoryFdBase);
+    if (slot >= gOpenMemory.size() || gOpenMemory[slot].data == nullptr) return nullptr;
+    return &gOpenMemory[slot];
 }
 
 }  // namespace
@@ -157,15 +166,15 @@ void setMemoryFiles(const MemoryFiles* table) {
 
 FILE* openDeviceFile(const char* devicePath, const char* mode) {
     if (const MemoryFile* file = memoryFile(devicePath)) {
+        if (file->data == nullptr) {
+            errno = ENOENT;
+            return nullptr;
+        }
         if (strcmp(mode, "r") != 0 && strcmp(mode, "re") != 0) {
             errno = EROFS;
             return nullptr;
         }
-        const int fd = openMemoryFile(*file);
-        if (fd < 0) return nullptr;
-        FILE* f = fdopen(fd, "r");
-        if (f == nullptr) close(fd);
-        return f;
+        return fmemopen(const_cast<char*>(file->data), file->size, "r");
     }
     char path[PATH_MAX];
     return hostPathInto(devicePath, path) ? fopen(path, mode) : nullptr;
@@ -177,9 +186,35 @@ DIR* openDeviceDir(const char* devicePath) {
 }
 
 int openDeviceFd(const char* devicePath) {
-    if (const MemoryFile* file = memoryFile(devicePath)) return openMemoryFile(*file);
+    if (const MemoryFile* file = memoryFile(devicePath)) return openMemoryFd(*file);
     char path[PATH_MAX];
     return hostPathInto(devicePath, path) ? open(path, O_RDONLY | O_CLOEXEC) : -1;
+}
+
+ssize_t readDeviceFd(int fd, void* buf, size_t count) {
+    if (fd < kMemoryFdBase) return read(fd, buf, count);
+    std::lock_guard<std::mutex> lock(gMemoryMutex);
+    OpenMemoryFile* file = openMemorySlotLocked(fd);
+    if (file == nullptr) {
+        errno = EBADF;
+        return -1;
+    }
+    const size_t n = std::min(count, file->size - file->offset);
+    memcpy(buf, file->data + file->offset, n);
+    file->offset += n;
+    return static_cast<ssize_t>(n);
+}
+
+int closeDeviceFd(int fd) {
+    if (fd < kMemoryFdBase) return close(fd);
+    std::lock_guard<std::mutex> lock(gMemoryMutex);
+    OpenMemoryFile* file = openMemorySlotLocked(fd);
+    if (file == nullptr) {
+        errno = EBADF;
+        return -1;
+    }
+    *file = OpenMemoryFile{};
+    return 0;
 }
 
 }  // namespace tavrend::platform

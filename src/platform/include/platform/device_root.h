@@ -7,6 +7,7 @@
 
 #include <dirent.h>
 #include <stdio.h>
+#include <sys/types.h>
 
 namespace tavrend::platform {
 
@@ -14,9 +15,13 @@ namespace tavrend::platform {
 FILE* openDeviceFile(const char* devicePath, const char* mode);
 DIR* openDeviceDir(const char* devicePath);
 
-// open(2) of a device path for reading, close-on-exec: a descriptor the caller
-// reads and closes, or -1 with errno set. For the readers that read a kernel
-// text file once a second and don't need a stdio stream's buffer.
+// A device file read through a descriptor, for the readers that read a kernel
+// text file once a second and need no stdio stream: on a device these are
+// open(2) for reading (close-on-exec), read(2) and close(2), and each answers
+// as they do (-1 with errno set on failure). A descriptor of openDeviceFd is
+// read and closed only through the other two.
 int openDeviceFd(const char* devicePath);
+ssize_t readDeviceFd(int fd, void* buf, size_t count);
+int closeDeviceFd(int fd);
 
 }  // namespace tavrend::platform
