@@ -9,9 +9,18 @@
 // A file the input doesn't reach is absent (a process with no file at all has
 // no /proc entry), so the readers' open failures are exercised as well.
 //
+// The files are served from memory by the host layer (platform::setMemoryFiles):
+// the readers' own code opens, reads and closes each as any file, and no file
+// is written per input. Only the /proc/<pid> directories, which the process
+// list reads, are on disk, made and removed as the processes come and go.
+//
 // The readers scan by hand for speed; each must read exactly what the scanf
 // format it replaces reads. Every input is read a second time through those
 // formats, and the two readings must agree.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -71,26 +80,52 @@ const std::string_view* section(const std::vector<std::string_view>& sections, s
     return index < sections.size() ? &sections[index] : nullptr;
 }
 
-void writeOrRemove(const std::string& path, const std::string_view* content) {
-    if (content != nullptr) {
-        tavrend::fuzz::writeDeviceFile(path, *content);
-    } else {
-        tavrend::fuzz::removeDevicePath(path);
+// The device paths of the sections, in section order, and the table that
+// serves them; both live as long as the process.
+struct Served {
+    std::vector<std::string> paths;
+    std::array<tavrend::platform::MemoryFile, kSectionCount> files{};
+    tavrend::platform::MemoryFiles table{files.data(), kSectionCount};
+    std::array<bool, std::size(kPids)> listed{};  // whether /proc/<pid> is on disk
+
+    Served() {
+        for (const char* path : kSystemFiles) paths.emplace_back(path);
+        for (int pid : kPids) {
+            for (std::string& path : processFiles(pid)) paths.push_back(std::move(path));
+        }
+        for (size_t i = 0; i < kSectionCount; ++i) files[i].devicePath = paths[i].c_str();
+    }
+};
+
+void serveSections(const std::vector<std::string_view>& sections) {
+    static Served served;
+    for (size_t i = 0; i < kSectionCount; ++i) {
+        const std::string_view* content = section(sections, i);
+        // An empty section is an empty file, not an absent one.
+        served.files[i].data = content == nullptr ? nullptr
+                               : content->empty() ? ""
+                                                  : content->data();
+        served.files[i].size = content == nullptr ? 0 : content->size();
+    }
+    tavrend::platform::setMemoryFiles(&served.table);
+    for (size_t p = 0; p < std::size(kPids); ++p) {
+        // Without even a comm the process is gone from /proc altogether.
+        const bool exists =
+            section(sections, std::size(kSystemFiles) + p * kFilesPerProcess) != nullptr;
+        if (exists == served.listed[p]) continue;
+        const std::string dir = tavrend::fuzz::rootPath() + "/proc/" + std::to_string(kPids[p]);
+        FUZZ_CHECK(exists ? mkdir(dir.c_str(), 0755) == 0 : rmdir(dir.c_str()) == 0);
+        served.listed[p] = exists;
     }
 }
 
-void writeSections(const std::vector<std::string_view>& sections) {
-    size_t index = 0;
-    for (const char* path : kSystemFiles) writeOrRemove(path, section(sections, index++));
-    for (int pid : kPids) {
-        const std::vector<std::string> files = processFiles(pid);
-        // Without even a comm the process is gone from /proc altogether.
-        if (section(sections, index) == nullptr) {
-            tavrend::fuzz::removeDevicePath("/proc/" + std::to_string(pid));
-        }
-        for (const std::string& path : files) writeOrRemove(path, section(sections, index++));
-    }
-}
+// What the process readers must give, read through getline() and the scanf
+// format they replace. The command line's first argument (false when the file
+// is missing or empty); the name: comm's "%31s" when its first line is 1 to 30
+// bytes, for a binder-named process its command line without blanks, cut to
+// its last 31 bytes, or "unknown"; empty when there is none.
+bool expectedCmdline(int pid, std::string& first);
+std::string expectedName(int pid);
 
 void readProcess(int pid) {
     char name[32];
@@ -101,9 +136,13 @@ void readProcess(int pid) {
     if (!named) {
         for (char c : name) FUZZ_CHECK(c == '\0');
     }
+    FUZZ_CHECK(expectedName(pid) == (named ? name : ""));
 
     std::string cmdline = "untouched";
-    if (!StatUtil::getProcessCmdline(pid, cmdline)) FUZZ_CHECK(cmdline == "untouched");
+    std::string want;
+    const bool read = StatUtil::getProcessCmdline(pid, cmdline);
+    FUZZ_CHECK(read == expectedCmdline(pid, want));
+    FUZZ_CHECK(cmdline == (read ? want : "untouched"));
 
     quillend::ProcessRssInfoKb rss;
     if (StatUtil::getProcessRss(pid, rss)) {
@@ -126,11 +165,35 @@ struct Lines {
         if (file != nullptr) fclose(file);
         free(data);
     }
-    bool next() { return file != nullptr && getline(&data, &capacity, file) != -1; }
+    bool next() { return (length = file == nullptr ? -1 : getline(&data, &capacity, file)) != -1; }
     FILE* file;
     char* data = nullptr;
     size_t capacity = 0;
+    ssize_t length = -1;
 };
+
+bool expectedCmdline(int pid, std::string& first) {
+    Lines cmdline(("/proc/" + std::to_string(pid) + "/cmdline").c_str());
+    if (!cmdline.next() || cmdline.length < 1) return false;
+    first = cmdline.data;
+    return true;
+}
+
+std::string expectedName(int pid) {
+    const std::string proc = "/proc/" + std::to_string(pid);
+    Lines comm((proc + "/comm").c_str());
+    char word[32];
+    if (!comm.next() || comm.length < 1 || comm.length > 30 ||
+        sscanf(comm.data, "%31s", word) != 1) {
+        return "";
+    }
+    const std::string name = word;
+    if (name.size() < 6 || name.find("Binder") == std::string::npos) return name;
+    std::string text;
+    if (!expectedCmdline(pid, text) || text.find("Binder") != std::string::npos) return "unknown";
+    std::erase(text, ' ');
+    return text.size() > 31 ? text.substr(text.size() - 31) : text;
+}
 
 uint64_t satAdd(uint64_t a, uint64_t b) { return a > UINT64_MAX - b ? UINT64_MAX : a + b; }
 
@@ -249,7 +312,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    writeSections(tavrend::fuzz::splitSections(data, size, kSectionCount));
+    serveSections(tavrend::fuzz::splitSections(data, size, kSectionCount));
 
     for (int pid : kPids) readProcess(pid);
     readProcess(kAbsentPid);

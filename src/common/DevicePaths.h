@@ -19,10 +19,10 @@ inline constexpr const char* kMeminfo = "/proc/meminfo";
 inline constexpr const char* kZoneinfo = "/proc/zoneinfo";
 inline constexpr const char* kLmkStats = "/proc/lmk_stats";
 inline constexpr const char* kMinfree = "/sys/module/lowmemorykiller/parameters/minfree";
-// Per process: printf formats taking the pid.
-inline constexpr const char* kProcCommFormat = "/proc/%d/comm";
-inline constexpr const char* kProcCmdlineFormat = "/proc/%d/cmdline";
-inline constexpr const char* kProcStatusFormat = "/proc/%d/status";
+// Per process: the files of /proc/<pid>/.
+inline constexpr const char* kProcComm = "comm";
+inline constexpr const char* kProcCmdline = "cmdline";
+inline constexpr const char* kProcStatus = "status";
 
 // The kernel statistics driver: write a pid, read the answer back.
 inline constexpr const char* kDravikPss = "/sys/kernel/dravik/total_pss_kb";

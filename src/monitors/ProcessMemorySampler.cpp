@@ -54,19 +54,20 @@ bool ProcessMemorySampler::fetch() {
 }
 
 void ProcessMemorySampler::getPIDPairs(std::map<std::string, int>& pairs) {
-    std::vector<int> pids;
-    if (!quillend::StatUtil::getProcessList(pids)) {
+    scanPids.clear();
+    if (!quillend::StatUtil::getProcessList(scanPids)) {
         TLOGW("Could not open %s", paths::kProcDir);
         return;
     }
-    for (int pid : pids) {
+    for (int pid : scanPids) {
         char name[32];
         memset(name, 0, sizeof(name));
         if (!quillend::StatUtil::getProcessName(pid, name)) continue;
 
-        auto it = pairs.find(name);
+        scanName.assign(name);  // into the capacity of earlier scans
+        auto it = pairs.find(scanName);
         if (it == pairs.end()) {
-            pairs.emplace(name, pid);
+            pairs.emplace(scanName, pid);
         } else if (it->second != pid) {
             // Restarted, or another live process of the same name: the name's
             // history starts afresh under the newer pid. Intended, even when

@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "config/ConfigVariables.h"
 #include "daemon/MetricSamplerInterface.h"
@@ -69,6 +70,10 @@ private:
     bool memtrackAvailable = false;
     std::map<int, ProcessStat> processStats;
     std::map<std::string, int> pidPairs;
+    // Kept from scan to scan so that a steady scan allocates nothing: the ids
+    // of /proc and the name being looked up.
+    std::vector<int> scanPids;
+    std::string scanName;
 };
 
 }  // namespace tavrend

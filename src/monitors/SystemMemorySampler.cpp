@@ -28,6 +28,14 @@ void logRing(const char* format, CircularArrayList& ring) {
     for (const std::string& line : lines) TLOGE(format, line.c_str());
 }
 
+// Whether `label` is `name` followed by a colon, as "Perceptible:" is of
+// "Perceptible", without building the text.
+bool isLabelOf(const char* label, const std::string& name) {
+    const size_t len = strlen(label);
+    return len == name.size() + 1 && label[len - 1] == ':' &&
+           name.compare(0, std::string::npos, label, len - 1) == 0;
+}
+
 // critical_memory_measurement_time / memory_read_interval_sec, as a signed
 // division; the ring makes anything below 1 a capacity of 1.
 int historyCapacity(const ConfigVariables& config) {
@@ -125,14 +133,14 @@ bool SystemMemorySampler::lmkKillsUnderThreshold() {
 
     // "Perceptible" counts Persistent through Perceptible; a name matching no
     // class counts all six.
-    const std::string thresholdLabel = config.lmk_counter_threshold + ":";
+    const std::string& threshold = config.lmk_counter_threshold;
     uint32_t sum = 0;  // a signed 32-bit sum, wrapped without overflow
     bool thresholdPassed = false;
     for (size_t i = 0; i < kLmkClassCount; ++i) {
         lmkStats[i] = counts[i];
         if (thresholdPassed) continue;
         sum += static_cast<uint32_t>(counts[i]);
-        if (thresholdLabel == quillend::kLmkLabels[i]) thresholdPassed = true;
+        if (isLabelOf(quillend::kLmkLabels[i], threshold)) thresholdPassed = true;
     }
     lmkCurrentKills = static_cast<int32_t>(sum);
     return lmkCurrentKills < config.lmk_target_kills;

@@ -5,6 +5,8 @@
 #include <memtrack/memtrack.h>
 #include <unistd.h>
 
+#include <array>
+#include <bit>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -12,6 +14,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <string_view>
 
 #include "common/DevicePaths.h"
 #include "platform/device_root.h"
@@ -25,11 +28,13 @@ namespace {
 
 using tavrend::platform::openDeviceDir;
 using tavrend::platform::openDeviceFile;
+using text::DeviceText;
 using text::File;
 using text::isSpace;
 using text::LineBuffer;
 using text::parseU64;
 using text::scanU64;
+using text::skipBlanks;
 using text::skipSpace;
 
 constexpr const char* kLogTag = "quillend:StatUtil";
@@ -59,9 +64,46 @@ bool scanTagged(const char* line, const char (&word)[N], uint64_t& value) {
     return parseU64(line + N - 1, value);
 }
 
+// "/proc/<pid>/<file>", as snprintf's "/proc/%d/<file>" writes it but without
+// printf's cost, which shows once a second for every process. `path` holds
+// any pid and the longest file name.
+void pidPath(char (&path)[48], int pid, const char* file) {
+    char* p = path;
+    for (const char* s = kProcDir; *s != '\0'; ++s) *p++ = *s;
+    *p++ = '/';
+    if (pid < 0) *p++ = '-';
+    unsigned magnitude = pid < 0 ? 0u - static_cast<unsigned>(pid) : static_cast<unsigned>(pid);
+    char digits[10];
+    size_t n = 0;
+    do {
+        digits[n++] = static_cast<char>('0' + magnitude % 10);
+        magnitude /= 10;
+    } while (magnitude != 0);
+    while (n > 0) *p++ = digits[--n];
+    *p++ = '/';
+    while (*file != '\0') *p++ = *file++;
+    *p = '\0';
+}
+
+// zoneinfo and status are read in pieces of at most 1023 bytes, as fgets()
+// into a 1024-byte buffer reads them.
+constexpr size_t kPieceSize = 1024;
+
+// scanf's "%31s" into a name of 32: the first word after white space; false
+// when there is none. The caller's line is at most 30 bytes.
+bool scanWord(const char* line, char (&name)[32]) {
+    line = skipSpace(line);
+    size_t len = 0;
+    while (len < sizeof(name) - 1 && line[len] != '\0' && !isSpace(line[len])) ++len;
+    if (len == 0) return false;
+    memcpy(name, line, len);
+    name[len] = '\0';
+    return true;
+}
+
 // The table of /proc/meminfo keys, in the order they are compared.
 struct MeminfoKey {
-    const char* key;
+    std::string_view key;
     uint64_t SysMeminfoKb::*field;
 };
 constexpr MeminfoKey kMeminfoKeys[] = {
@@ -84,18 +126,34 @@ constexpr MeminfoKey kMeminfoKeys[] = {
     {"Unevictable:", &SysMeminfoKb::mem_unevictable},
 };
 
+// For each first character, the keys of the table that start with it (bit i
+// for kMeminfoKeys[i]).
+constexpr std::array<uint32_t, 256> kMeminfoKeysByFirst = [] {
+    std::array<uint32_t, 256> byFirst{};
+    for (size_t i = 0; i < std::size(kMeminfoKeys); ++i) {
+        byFirst[static_cast<unsigned char>(kMeminfoKeys[i].key[0])] |= 1u << i;
+    }
+    return byFirst;
+}();
+
 // One line of /proc/meminfo, "MemTotal:        3867224 kB", scanned as
-// "%63s %llu kB" would: true with the key and value when both convert. Unit-less
-// lines such as "HugePages_Total:       0" convert too; they are simply not keys.
-bool scanMeminfoLine(const char* line, char (&key)[64], uint64_t& value) {
+// "%63s %llu kB" would and matched against the table: the entry whose key is
+// the line's first word, with the value, when both convert. Unit-less lines
+// such as "HugePages_Total:       0" convert too; they are simply not keys.
+// Only a key of the table has its value converted.
+const MeminfoKey* scanMeminfoLine(const char* line, uint64_t& value) {
     line = skipSpace(line);
-    size_t len = 0;
-    while (line[len] != '\0' && !isSpace(line[len])) ++len;
-    // No key is that long; "%63s" would cut it and the piece would match nothing.
-    if (len == 0 || len >= sizeof(key)) return false;
-    memcpy(key, line, len);
-    key[len] = '\0';
-    return parseU64(line + len, value);
+    for (uint32_t candidates = kMeminfoKeysByFirst[static_cast<unsigned char>(line[0])];
+         candidates != 0; candidates &= candidates - 1) {
+        const MeminfoKey& k = kMeminfoKeys[std::countr_zero(candidates)];
+        // The word is the key when the line starts with it and the word ends there.
+        size_t n = 1;  // the first characters are equal
+        while (n < k.key.size() && line[n] == k.key[n]) ++n;
+        if (n == k.key.size() && (line[n] == '\0' || isSpace(line[n]))) {
+            return parseU64(line + k.key.size(), value) ? &k : nullptr;
+        }
+    }
+    return nullptr;
 }
 
 // One line of /proc/lmk_stats scanned as "%63s %llu": the class label and its
@@ -143,26 +201,19 @@ bool StatUtil::isBinderProcess(const std::string& name) {
 // System-wide readers
 
 bool StatUtil::getMeminfo(SysMeminfoKb& info) {
-    File f(openDeviceFile(kMeminfoPath, "r"));
-    if (!f) return false;
-    LineBuffer line;
-    while (line.read(f.get()) != -1) {
-        char key[64];
+    DeviceText file(kMeminfoPath);
+    if (!file.isOpen()) return false;
+    const char* line = nullptr;
+    while (file.line(line) != -1) {
         uint64_t value = 0;
-        if (!scanMeminfoLine(line.data, key, value)) continue;
-        for (const MeminfoKey& k : kMeminfoKeys) {
-            if (key[0] == k.key[0] && strcmp(key, k.key) == 0) {
-                info.*k.field = value;
-                break;
-            }
-        }
+        if (const MeminfoKey* k = scanMeminfoLine(line, value)) info.*k->field = value;
     }
     return true;
 }
 
 bool StatUtil::getTotalWaterMarkZoneinfo(uint64_t& lowKb, uint64_t& highKb) {
-    File f(openDeviceFile(kZoneinfoPath, "r"));
-    if (!f) return false;
+    DeviceText file(kZoneinfoPath);
+    if (!file.isOpen()) return false;
     // Per zone:
     //   Node 0, zone   Normal
     //     pages free     46525
@@ -172,10 +223,10 @@ bool StatUtil::getTotalWaterMarkZoneinfo(uint64_t& lowKb, uint64_t& highKb) {
     // and in its pagesets "              high:  378", which is not a watermark.
     uint64_t lowPages = 0;
     uint64_t highPages = 0;
-    char line[1024];  // a longer line is read, and scanned, as several pieces
-    while (fgets(line, sizeof(line), f.get()) != nullptr) {
+    // A line longer than 1023 bytes is read, and scanned, as several pieces.
+    while (const char* line = file.piece(kPieceSize)) {
         uint64_t value = 0;
-        const char* text = skipSpace(line);
+        const char* text = skipSpace(skipBlanks(line, file.textEnd()));
         if (scanTagged(text, "low", value)) {
             lowPages = saturatingAdd(lowPages, value);
         } else if (scanTagged(text, "high", value)) {
@@ -221,13 +272,13 @@ bool StatUtil::pidOf(const std::string& name, int& pid) {
 }
 
 bool StatUtil::getLmkStats(uint64_t (&counts)[kLmkClassCount]) {
-    File f(openDeviceFile(tavrend::paths::kLmkStats, "r"));
-    if (!f) return false;
-    LineBuffer line;
-    while (line.read(f.get()) != -1) {
+    DeviceText file(tavrend::paths::kLmkStats);
+    if (!file.isOpen()) return false;
+    const char* line = nullptr;
+    while (file.line(line) != -1) {
         char word[64];
         uint64_t count = 0;
-        if (!scanLmkLine(line.data, word, count)) continue;
+        if (!scanLmkLine(line, word, count)) continue;
         for (size_t i = 0; i < kLmkClassCount; ++i) {
             if (strcmp(word, kLmkLabels[i]) == 0) {
                 counts[i] += count;  // a label on several lines accumulates
@@ -239,10 +290,10 @@ bool StatUtil::getLmkStats(uint64_t (&counts)[kLmkClassCount]) {
 }
 
 bool StatUtil::getMinfree(uint64_t (&pages)[6]) {
-    File f(openDeviceFile(tavrend::paths::kMinfree, "r"));
-    if (!f) return false;
-    LineBuffer line;
-    return line.read(f.get()) >= 1 && scanMinfree(line.data, pages);
+    DeviceText file(tavrend::paths::kMinfree);
+    if (!file.isOpen()) return false;
+    const char* line = nullptr;
+    return file.line(line) >= 1 && scanMinfree(line, pages);
 }
 
 // ---------------------------------------------------------------------------
@@ -251,62 +302,55 @@ bool StatUtil::getMinfree(uint64_t (&pages)[6]) {
 bool StatUtil::getProcessName(int pid, char (&name)[32]) {
     memset(name, 0, sizeof(name));
     char path[48];
-    snprintf(path, sizeof(path), tavrend::paths::kProcCommFormat, pid);
-    int scanned = 0;
+    pidPath(path, pid, tavrend::paths::kProcComm);
     {
-        File f(openDeviceFile(path, "r"));
-        if (!f) return false;
-        LineBuffer line;
-        const ssize_t n = line.read(f.get());
+        DeviceText file(path);
+        if (!file.isOpen()) return false;
+        const char* line = nullptr;
+        const ssize_t n = file.line(line);
         // The kernel's comm is at most 15 characters and a newline.
-        if (n >= 1 && n <= 30) scanned = sscanf(line.data, "%31s", name);
-    }
-    if (scanned != 1) {
-        memset(name, 0, sizeof(name));
-        return false;
+        if (n < 1 || n > 30 || !scanWord(line, name)) return false;
     }
     if (!isBinderProcess(name)) return true;
 
     // The main thread has taken a binder thread's name ("Binder:812_3"), which
     // says nothing about the process; its command line does.
-    std::string text;
     std::string cmdline;
-    if (!getProcessCmdline(pid, cmdline) || cmdline.find("Binder") != std::string::npos) {
-        text = "unknown";
-    } else {
-        text = removeSpaces(std::move(cmdline));
+    const char* text = "unknown";
+    if (getProcessCmdline(pid, cmdline) && cmdline.find("Binder") == std::string::npos) {
+        cmdline = removeSpaces(std::move(cmdline));
+        text = cmdline.c_str();
         // The end of a path or package name is the telling part.
-        if (text.size() >= sizeof(name)) text = text.substr(text.size() - (sizeof(name) - 1));
+        if (cmdline.size() >= sizeof(name)) text += cmdline.size() - (sizeof(name) - 1);
     }
-    strncpy(name, text.c_str(), sizeof(name));
+    strncpy(name, text, sizeof(name));
     name[sizeof(name) - 1] = '\0';
     return true;
 }
 
 bool StatUtil::getProcessCmdline(int pid, std::string& cmdline) {
     char path[48];
-    snprintf(path, sizeof(path), tavrend::paths::kProcCmdlineFormat, pid);
-    File f(openDeviceFile(path, "r"));
-    if (!f) return false;
-    LineBuffer line;
-    if (line.read(f.get()) < 1) return false;
+    pidPath(path, pid, tavrend::paths::kProcCmdline);
+    DeviceText file(path);
+    if (!file.isOpen()) return false;
     // Arguments are separated by NUL bytes: this keeps the program's first one.
-    cmdline.assign(line.data);
+    const char* first = nullptr;
+    if (!file.firstString(first)) return false;
+    cmdline.assign(first);
     return true;
 }
 
 bool StatUtil::getProcessRss(int pid, ProcessRssInfoKb& info) {
     char path[48];
-    snprintf(path, sizeof(path), tavrend::paths::kProcStatusFormat, pid);
+    pidPath(path, pid, tavrend::paths::kProcStatus);
     info = ProcessRssInfoKb{};
-    File f(openDeviceFile(path, "r"));
-    if (!f) {
+    DeviceText file(path);
+    if (!file.isOpen()) {
         STAT_LOGE("Failed to open %s file", path);
         return false;
     }
     // "VmRSS:\t    5124 kB" and "VmSwap:\t       0 kB"; a kernel thread has neither.
-    char line[1024];
-    while (fgets(line, sizeof(line), f.get()) != nullptr) {
+    while (const char* line = file.piece(kPieceSize)) {
         uint64_t value = 0;
         const char* text = skipSpace(line);
         if (scanTagged(text, "VmRSS:", value)) {

@@ -7,11 +7,21 @@
 
 #include <dirent.h>
 #include <stdio.h>
+#include <sys/types.h>
 
 namespace tavrend::platform {
 
 // fopen/opendir of a device path.
 FILE* openDeviceFile(const char* devicePath, const char* mode);
 DIR* openDeviceDir(const char* devicePath);
+
+// A device file read through a descriptor, for the readers that read a kernel
+// text file once a second and need no stdio stream: on a device these are
+// open(2) for reading (close-on-exec), read(2) and close(2), and each answers
+// as they do (-1 with errno set on failure). A descriptor of openDeviceFd is
+// read and closed only through the other two.
+int openDeviceFd(const char* devicePath);
+ssize_t readDeviceFd(int fd, void* buf, size_t count);
+int closeDeviceFd(int fd);
 
 }  // namespace tavrend::platform

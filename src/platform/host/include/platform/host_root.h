@@ -8,6 +8,7 @@
 // machine. Whether <root>/proc exists is decided when the root is set.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -23,5 +24,27 @@ std::string deviceRoot();
 
 // Maps a device path such as "/proc/meminfo" to the host path to open.
 std::string hostPath(std::string_view devicePath);
+
+// For tests and fuzzing only: device files served from memory, so that a
+// target can hand the readers thousands of files a second without writing
+// them or asking the kernel for each. While a table is installed, a device
+// path it names opens from its bytes: openDeviceFd gives a descriptor of the
+// layer's own (above any real one) that readDeviceFd and closeDeviceFd serve
+// from memory, so the readers' own code reads and closes it as any file;
+// openDeviceFile gives a read-only stream on the bytes (fmemopen). A path
+// named with `data` nullptr is absent (ENOENT). Paths the table doesn't name,
+// and every directory, come from the device root as usual. The caller keeps
+// the table and its bytes alive and unchanged until it installs another table
+// or nullptr and every file opened from it is closed.
+struct MemoryFile {
+    const char* devicePath;
+    const char* data;  // nullptr: no such file
+    size_t size;
+};
+struct MemoryFiles {
+    const MemoryFile* files;
+    size_t count;
+};
+void setMemoryFiles(const MemoryFiles* table);
 
 }  // namespace tavrend::platform
