@@ -19,8 +19,8 @@ struct RootState {
     std::shared_ptr<const RootInfo> root;  // guarded by mutex
 };
 
-// Never destroyed: guardrail passes and the idle thread open device files
-// while the process runs its exit handlers.
+// Never destroyed: guardrail passes and the idle detector's thread open device
+// files, and no thread of the daemon may find a static destroyed under it at exit.
 RootState& state() {
     static RootState* s = new RootState;
     return *s;
