@@ -657,12 +657,15 @@ std::string binderSocketDevicePath(const std::string& serviceName) {
 void resetBinderHost() { android::Host::get().reset(); }
 
 bool serveBinderRequests(int fd, const android::sp<android::IBinder>& binder) {
-    thread_local std::unique_ptr<uint8_t[]> buf(new uint8_t[kBinderTransactionMax + 1]);
+    // One receive buffer for every caller, never freed; callers take turns.
+    static std::mutex mutex;
+    static uint8_t* const buf = new uint8_t[kBinderTransactionMax + 1];
+    std::lock_guard<std::mutex> lock(mutex);
     android::passCredentials(fd);
     android::Connection c(fd, binder);
     pollfd p{fd, POLLIN, 0};
     do {
-        if (!android::serveWaiting(&c, 0, buf.get()) || !c.pending.empty()) return false;
+        if (!android::serveWaiting(&c, 0, buf) || !c.pending.empty()) return false;
     } while (poll(&p, 1, 0) == 1);
     return true;
 }
