@@ -42,6 +42,37 @@ bool DeviceText::fill() {
     return true;
 }
 
+size_t DeviceText::pieceStartOf(size_t at, size_t max) const {
+    const void* nl = memrchr(buf_ + begin_, '\n', at - begin_);
+    const size_t lineStart =
+        nl == nullptr ? begin_ : static_cast<size_t>(static_cast<const char*>(nl) - buf_) + 1;
+    return lineStart + (at - lineStart) / max * max;  // a longer line is cut every max bytes
+}
+
+const char* DeviceText::pieceStartingWith(char first, size_t size) {
+    restore();
+    const size_t max = size - 1;
+    while (true) {
+        const void* found = memchr(buf_ + begin_, first, end_ - begin_);
+        if (found == nullptr) {
+            // The pieces that end here are skipped; the last may go on after
+            // what is buffered, with `first` still to come.
+            begin_ = pieceStartOf(end_, max);
+            if (!fill()) return nullptr;
+            continue;
+        }
+        const size_t at = static_cast<size_t>(static_cast<const char*>(found) - buf_);
+        // Mostly `first` opens a line: no need to look for the line's start.
+        const size_t start = at == begin_ || buf_[at - 1] == '\n' ? at : pieceStartOf(at, max);
+        size_t blank = start;
+        while (blank < at && isSpace(buf_[blank])) ++blank;
+        begin_ = start;
+        if (blank == at) return piece(size);  // `first` opens this piece
+        piece(size);                          // found inside another piece: past it
+        restore();
+    }
+}
+
 bool DeviceText::firstString(const char*& text) {
     restore();
     if (begin_ == end_ && !fill()) return false;

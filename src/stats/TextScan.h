@@ -71,6 +71,12 @@ public:
         return pieceAfterRead(size);
     }
 
+    // As piece(size), but skipping every piece whose first character after
+    // white space is not `first`: the next piece that starts so, or nullptr at
+    // the end of the file. For a reader that looks at no other line; it costs a
+    // search for `first`, not a look at every line.
+    const char* pieceStartingWith(char first, size_t size);
+
     // The first line read as a C string, that is up to its first NUL, as
     // getline() and then strlen() would give it, but without reading past that
     // NUL: a command line's first argument. False for an empty file.
@@ -99,6 +105,9 @@ private:
     // line() and piece() when what is buffered doesn't hold the answer.
     ssize_t lineAfterRead(const char*& text);
     const char* pieceAfterRead(size_t size);
+    // Where the piece of at most `max` bytes that holds position `at` starts,
+    // knowing that one starts at begin_.
+    size_t pieceStartOf(size_t at, size_t max) const;
     bool fill();
 
     int fd_;
