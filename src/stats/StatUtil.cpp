@@ -368,8 +368,8 @@ bool StatUtil::getProcessRss(int pid, ProcessRssInfoKb& info) {
         return false;
     }
     // "VmRSS:\t    5124 kB" and "VmSwap:\t       0 kB"; a kernel thread has
-    // neither. Only the lines that start with a V can be either.
-    while (const char* line = file.pieceStartingWith('V', kPieceSize)) {
+    // neither. The other lines are skipped unread.
+    while (const char* line = file.pieceStartingWith({"VmRSS:", "VmSwap:"}, kPieceSize)) {
         uint64_t value = 0;
         const char* text = skipSpace(line);
         if (scanTagged(text, "VmRSS:", value)) {

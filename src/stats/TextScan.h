@@ -12,7 +12,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <memory>
+#include <string_view>
 
 namespace quillend::text {
 
@@ -71,11 +73,12 @@ public:
         return pieceAfterRead(size);
     }
 
-    // As piece(size), but skipping every piece whose first character after
-    // white space is not `first`: the next piece that starts so, or nullptr at
-    // the end of the file. For a reader that looks at no other line; it costs a
-    // search for `first`, not a look at every line.
-    const char* pieceStartingWith(char first, size_t size);
+    // As piece(size), but skipping every piece whose text after white space
+    // doesn't start with one of `prefixes` (which all start with the same
+    // character, and hold no newline): the next piece that does, or nullptr at
+    // the end of the file. For a reader that looks at no other line; it costs
+    // a search for that first character, not a look at every line.
+    const char* pieceStartingWith(std::initializer_list<std::string_view> prefixes, size_t size);
 
     // The first line read as a C string, that is up to its first NUL, as
     // getline() and then strlen() would give it, but without reading past that
