@@ -125,15 +125,23 @@ static int nameOf(int pid, char name[32]) {
     char buf[4096];
     pidPath(path, pid, "comm");
     ssize_t n = readFirst(path, buf, sizeof(buf));
-    if (n < 1 || n > 30 || sscanf(buf, "%31s", name) != 1) return 0;
-    if (strlen(name) < 6 || strstr(name, "Binder") == NULL) return 1;
+    if (n < 1 || n > 30) return 0;
+    /* The first word, as "%31s" reads it. */
+    const char* word = buf;
+    while (*word == ' ' || (*word >= '\t' && *word <= '\r')) ++word;
+    size_t len = 0;
+    while (word[len] != '\0' && word[len] != ' ' && (word[len] < '\t' || word[len] > '\r')) ++len;
+    if (len == 0) return 0;
+    memcpy(name, word, len);
+    name[len] = '\0';
+    if (len < 6 || strstr(name, "Binder") == NULL) return 1;
     pidPath(path, pid, "cmdline");
     n = readFirst(path, buf, sizeof(buf));
     if (n < 1 || strstr(buf, "Binder") != NULL) {
         snprintf(name, 32, "%s", "unknown");
         return 1;
     }
-    size_t len = 0;
+    len = 0;
     for (const char* p = buf; *p != '\0' && *p != '\n'; ++p) {
         if (*p != ' ') buf[len++] = *p;
     }
@@ -149,7 +157,9 @@ static void scanProcesses(void) {
     const struct dirent* entry;
     while ((entry = readdir(dir)) != NULL) {
         if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
-        const int pid = atoi(entry->d_name);
+        int pid = 0;
+        for (const char* d = entry->d_name; *d >= '0' && *d <= '9'; ++d)
+            pid = pid * 10 + (*d - '0');
         char name[32];
         if (nameOf(pid, name)) remember(name, pid);
     }

@@ -30,6 +30,7 @@ using tavrend::platform::openDeviceDir;
 using tavrend::platform::openDeviceFile;
 using text::DeviceText;
 using text::File;
+using text::isDigit;
 using text::isSpace;
 using text::LineBuffer;
 using text::parseU64;
@@ -60,7 +61,9 @@ uint64_t saturatingMul(uint64_t a, uint64_t b) {
 // is where the number should start).
 template <size_t N>
 bool scanTagged(const char* line, const char (&word)[N], uint64_t& value) {
-    if (line[0] != word[0] || strncmp(line, word, N - 1) != 0) return false;
+    for (size_t i = 0; i < N - 1; ++i) {
+        if (line[i] != word[i]) return false;  // the line's NUL ends it too
+    }
     return parseU64(line + N - 1, value);
 }
 
@@ -68,21 +71,22 @@ bool scanTagged(const char* line, const char (&word)[N], uint64_t& value) {
 // printf's cost, which shows once a second for every process. `path` holds
 // any pid and the longest file name.
 void pidPath(char (&path)[48], int pid, const char* file) {
-    char* p = path;
-    for (const char* s = kProcDir; *s != '\0'; ++s) *p++ = *s;
-    *p++ = '/';
+    static_assert(std::string_view(kProcDir) == "/proc");
+    memcpy(path, "/proc/", 6);
+    char* p = path + 6;
     if (pid < 0) *p++ = '-';
     unsigned magnitude = pid < 0 ? 0u - static_cast<unsigned>(pid) : static_cast<unsigned>(pid);
     char digits[10];
-    size_t n = 0;
+    char* first = std::end(digits);
     do {
-        digits[n++] = static_cast<char>('0' + magnitude % 10);
+        *--first = static_cast<char>('0' + magnitude % 10);
         magnitude /= 10;
     } while (magnitude != 0);
-    while (n > 0) *p++ = digits[--n];
+    const size_t count = static_cast<size_t>(std::end(digits) - first);
+    memcpy(p, first, count);
+    p += count;
     *p++ = '/';
-    while (*file != '\0') *p++ = *file++;
-    *p = '\0';
+    strcpy(p, file);  // "cmdline" at most: the path fits
 }
 
 // zoneinfo and status are read in pieces of at most 1023 bytes, as fgets()
@@ -246,9 +250,22 @@ bool StatUtil::getProcessList(std::vector<int>& pids) {
     }
     while (const struct dirent* entry = readdir(dir)) {
         // "%d": a leading number is enough; "self" and "meminfo" are skipped.
+        const char* text = entry->d_name;
+        if (isDigit(text[0])) {
+            // A process id, the short way: at most nine digits can't overflow.
+            int id = 0;
+            size_t n = 0;
+            while (n < 9 && isDigit(text[n])) id = id * 10 + (text[n++] - '0');
+            if (!isDigit(text[n])) {
+                pids.push_back(id);
+                continue;
+            }
+        } else if (!isSpace(text[0]) && text[0] != '+' && text[0] != '-') {
+            continue;  // no number at all
+        }
         char* end = nullptr;
-        long id = strtol(entry->d_name, &end, 10);
-        if (end == entry->d_name) continue;
+        long id = strtol(text, &end, 10);
+        if (end == text) continue;
         if (id > INT_MAX) id = INT_MAX;  // clamped, never wrapped into another id
         if (id < INT_MIN) id = INT_MIN;
         pids.push_back(static_cast<int>(id));
@@ -311,7 +328,8 @@ bool StatUtil::getProcessName(int pid, char (&name)[32]) {
         // The kernel's comm is at most 15 characters and a newline.
         if (n < 1 || n > 30 || !scanWord(line, name)) return false;
     }
-    if (!isBinderProcess(name)) return true;
+    // isBinderProcess() without making a string of the name.
+    if (strlen(name) < 6 || strstr(name, "Binder") == nullptr) return true;
 
     // The main thread has taken a binder thread's name ("Binder:812_3"), which
     // says nothing about the process; its command line does.
@@ -349,8 +367,9 @@ bool StatUtil::getProcessRss(int pid, ProcessRssInfoKb& info) {
         STAT_LOGE("Failed to open %s file", path);
         return false;
     }
-    // "VmRSS:\t    5124 kB" and "VmSwap:\t       0 kB"; a kernel thread has neither.
-    while (const char* line = file.piece(kPieceSize)) {
+    // "VmRSS:\t    5124 kB" and "VmSwap:\t       0 kB"; a kernel thread has
+    // neither. The other lines are skipped unread.
+    while (const char* line = file.pieceStartingWith({"VmRSS:", "VmSwap:"}, kPieceSize)) {
         uint64_t value = 0;
         const char* text = skipSpace(line);
         if (scanTagged(text, "VmRSS:", value)) {

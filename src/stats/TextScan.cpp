@@ -1,5 +1,6 @@
 #include "stats/TextScan.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "platform/device_root.h"
@@ -40,6 +41,66 @@ bool DeviceText::fill() {
     }
     end_ += static_cast<size_t>(n);
     return true;
+}
+
+size_t DeviceText::pieceStartOf(size_t at, size_t max) const {
+    const void* nl = memrchr(buf_ + begin_, '\n', at - begin_);
+    const size_t lineStart =
+        nl == nullptr ? begin_ : static_cast<size_t>(static_cast<const char*>(nl) - buf_) + 1;
+    return lineStart + (at - lineStart) / max * max;  // a longer line is cut every max bytes
+}
+
+const char* DeviceText::pieceStartingWith(std::initializer_list<std::string_view> prefixes,
+                                          size_t size) {
+    restore();
+    const size_t max = size - 1;
+    const char first = prefixes.begin()->front();
+    size_t from = begin_;  // where to look for `first` next; a piece starts at begin_
+    while (true) {
+        const void* found = memchr(buf_ + from, first, end_ - from);
+        if (found == nullptr) {
+            // The pieces that end here are skipped; the last may go on after
+            // what is buffered, with a prefix still to come.
+            begin_ = pieceStartOf(end_, max);
+            const size_t searched = end_ - begin_;
+            if (!fill()) return nullptr;
+            from = begin_ + searched;
+            continue;
+        }
+        const size_t at = static_cast<size_t>(static_cast<const char*>(found) - buf_);
+        from = at + 1;
+        // Mostly `first` opens a line: no need to look for the line's start.
+        const size_t start = at == begin_ || buf_[at - 1] == '\n' ? at : pieceStartOf(at, max);
+        size_t blank = start;
+        while (blank < at && isSpace(buf_[blank])) ++blank;
+        if (blank != at) continue;  // inside a piece that starts otherwise
+        // The piece starts with `first`; it ends at a newline, after max bytes
+        // or at the end of the file, whichever comes first.
+        const size_t limit = std::min(end_, start + max);
+        bool unread = false;  // a prefix runs past what is buffered
+        for (const std::string_view prefix : prefixes) {
+            if (at + prefix.size() > limit) {
+                unread = unread || (limit == end_ && !atEnd_);
+                continue;
+            }
+            size_t i = 1;
+            while (i < prefix.size() && buf_[at + i] == prefix[i]) ++i;
+            if (i == prefix.size()) {
+                begin_ = start;
+                return piece(size);
+            }
+        }
+        if (!unread) continue;
+        // Read the whole piece to know.
+        begin_ = start;
+        const char* text = piece(size);
+        const char* opening = text + (at - start);
+        for (const std::string_view prefix : prefixes) {
+            if (strncmp(opening, prefix.data(), prefix.size()) == 0) return text;
+        }
+        restore();
+        from = begin_;
+    }
 }
 
 bool DeviceText::firstString(const char*& text) {

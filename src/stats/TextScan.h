@@ -12,7 +12,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <memory>
+#include <string_view>
 
 namespace quillend::text {
 
@@ -71,6 +73,13 @@ public:
         return pieceAfterRead(size);
     }
 
+    // As piece(size), but skipping every piece whose text after white space
+    // doesn't start with one of `prefixes` (which all start with the same
+    // character, and hold no newline): the next piece that does, or nullptr at
+    // the end of the file. For a reader that looks at no other line; it costs
+    // a search for that first character, not a look at every line.
+    const char* pieceStartingWith(std::initializer_list<std::string_view> prefixes, size_t size);
+
     // The first line read as a C string, that is up to its first NUL, as
     // getline() and then strlen() would give it, but without reading past that
     // NUL: a command line's first argument. False for an empty file.
@@ -99,6 +108,9 @@ private:
     // line() and piece() when what is buffered doesn't hold the answer.
     ssize_t lineAfterRead(const char*& text);
     const char* pieceAfterRead(size_t size);
+    // Where the piece of at most `max` bytes that holds position `at` starts,
+    // knowing that one starts at begin_.
+    size_t pieceStartOf(size_t at, size_t max) const;
     bool fill();
 
     int fd_;

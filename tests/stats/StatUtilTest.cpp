@@ -3,6 +3,8 @@
 #include <log/log.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <climits>
 #include <cstring>
 #include <tuple>
 
@@ -85,6 +87,22 @@ TEST(Zoneinfo, WatermarksOfEveryZone) {
         EXPECT_EQ(low, lowKb);
         EXPECT_EQ(high, highKb);
     }
+}
+
+// The entries of /proc as "%d" reads them, clamped to an int; names without
+// a leading number are skipped.
+TEST(ProcessList, EntriesScannedAsPercentD) {
+    DeviceRoot root;
+    for (const char* entry : {"7", "007", "123456789", "1234567890", "2147483648",
+                              "99999999999999999999", "-3", "+12", " 9", "12abc", "self"}) {
+        root.writeFile("/proc/"s + entry + "/comm", "x\n");
+    }
+    root.writeFile("/proc/meminfo", "");
+    std::vector<int> pids;
+    ASSERT_TRUE(StatUtil::getProcessList(pids));
+    std::sort(pids.begin(), pids.end());
+    EXPECT_EQ(pids,
+              (std::vector<int>{-3, 7, 7, 9, 12, 12, 123456789, 1234567890, INT_MAX, INT_MAX}));
 }
 
 TEST(ProcessName, HostileComms) {

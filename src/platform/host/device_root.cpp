@@ -77,7 +77,7 @@ bool hostPathInto(const char* devicePath, char (&out)[PATH_MAX]) {
     const size_t len = strlen(devicePath);
     size_t rootLen = 0;
     bool slash = false;
-    if (!info.root.empty() && (info.ownProc || !isProcPath(devicePath))) {
+    if (!info.root.empty() && (info.ownProc || !isProcPath({devicePath, len}))) {
         rootLen = info.root.size();
         slash = devicePath[0] != '/';
     }
