@@ -115,8 +115,11 @@ TEST(Tavrendctl, SimRefusesBadScenarios) {
         cJSON_Delete(json);
         ++files;
     }
-    EXPECT_EQ(files, 13u);
+    EXPECT_EQ(files, 14u);
     EXPECT_NE(ctl(root, {"sim", TAVREND_SOURCE_DIR "/README.md"}).output.find("bad scenario:"),
               std::string::npos);  // not JSON at all
+    root.writeFile("/big.json", "{" + std::string(4 << 20, ' ') + "}");
+    EXPECT_NE(ctl(root, {"sim", root.host("/big.json")}).output.find("larger than 4 MiB"),
+              std::string::npos);
     EXPECT_EQ(ctl(root, {"sim", "-h"}).exitCode, 0);
 }
