@@ -1,6 +1,7 @@
 // tavrendctl report on a system log captured from two daemon runs: a memory
 // report whose histories take two lines each, then a latency report; and on
-// the same log cut short inside the first Other Free history (report_cut.log).
+// the same log cut short inside the first Other Free history, with a value
+// that is no number in one process's history (report_cut.log).
 #include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 
@@ -32,7 +33,8 @@ TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
           "Bad UPL samples  1062 ms (20 samples)", "svg: 14 charts"}},
         {{TAVREND_SOURCE_DIR "/tests/e2e/testdata/report_cut.log"},
          0,
-         {"report_cut.log:18: the Other Free history is cut short; skipped",
+         {"report_cut.log:16: cannot read the RSS history of pid 2210; skipped",
+          "report_cut.log:18: the Other Free history is cut short; skipped",
           "Other Free       (missing or unreadable)", "surfaceflinger [801]"}},
         {{dir / "plain.log"}, 1, {"no crash report in"}},
         {{dir / "missing.log"}, 2, {"cannot read"}},
