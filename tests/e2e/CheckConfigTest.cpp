@@ -59,4 +59,10 @@ TEST(CheckConfig, ExitStatusAndOneWarningPerMistake) {
             at == std::string::npos ? "" : got.output.substr(at, got.output.find('\n', at) - at);
         EXPECT_TRUE(c.lmkTargetSource.empty() || line.ends_with(" " + c.lmkTargetSource)) << line;
     }
+    // Valid JSON without a single section the daemon reads.
+    const DeviceRoot unrelated;
+    unrelated.setDaemonConfig(R"({"unrelated": 1})");
+    const auto got = ctl(empty, {"check-config", unrelated.path()});
+    EXPECT_EQ(got.exitCode, 2);
+    EXPECT_NE(got.output.find("holds none of system_mem"), std::string::npos) << got.output;
 }
