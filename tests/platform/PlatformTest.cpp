@@ -1,18 +1,23 @@
-// The host layer's contract: log lines and files, the property store and the
-// memtrack lookup.
+// The host layer's contract: log lines and files, the property store, the
+// real clock's sleep and the memtrack lookup.
 #include <android/hardware/memtrack/1.0/IMemtrack.h>
 #include <cutils/properties.h>
 #include <gtest/gtest.h>
 #include <log/log.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <fstream>
 #include <thread>
 #include <vector>
 
 #include "platform/log_hook.h"
+#include "platform/time_seam.h"
 #include "support/DeviceRoot.h"
 #include "support/LogCapture.h"
 #include "support/LogLine.h"
@@ -147,6 +152,20 @@ TEST(HostProperties, SetRefusesBadNamesValuesAndSecondReadOnlySet) {
     EXPECT_EQ(property_set("ro.serial", "first"), 0);
     EXPECT_EQ(property_set("ro.serial", "second"), -1);
     EXPECT_EQ(root.getProperty("ro.serial"), "first");
+    // A write that fails part way (over the file size limit) keeps the old
+    // value and says so; the child is ended if it never returns.
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(5);
+        signal(SIGXFSZ, SIG_IGN);
+        const struct rlimit none {};
+        setrlimit(RLIMIT_FSIZE, &none);
+        _exit(property_set("az.AZ.09", "new") == -1 ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(root.getProperty("az.AZ.09"), "x");
 
     char value[PROPERTY_VALUE_MAX];
     EXPECT_EQ(property_get("persist.x", value, "d"), 91);
@@ -178,6 +197,24 @@ TEST(HostProperties, ConcurrentReaderSeesOldOrNewValue) {
     stop = true;
     reader.join();
     EXPECT_EQ(bad.load(), 0);
+}
+
+// A signal in the middle of a second does not cut the daemon's sleep short.
+TEST(HostTime, SleepOutlastsASignal) {
+    struct sigaction quiet {}, old {};
+    quiet.sa_handler = [](int) {};  // no SA_RESTART: nanosleep returns EINTR
+    sigaction(SIGUSR1, &quiet, &old);
+    const pthread_t sleeper = pthread_self();
+    std::thread poke([sleeper] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        pthread_kill(sleeper, SIGUSR1);
+    });
+    const auto start = std::chrono::steady_clock::now();
+    tavrend::platform::sleepSeconds(1);
+    const auto slept = std::chrono::steady_clock::now() - start;
+    poke.join();
+    sigaction(SIGUSR1, &old, nullptr);
+    EXPECT_GE(slept, std::chrono::seconds(1));
 }
 
 // The memtrack service is there exactly when /dev/memtrack is a directory.
