@@ -25,7 +25,9 @@ std::multiset<std::string> warnedKeys(const std::string& output) {
 }  // namespace
 
 TEST(CheckConfig, ExitStatusAndOneWarningPerMistake) {
-    const DeviceRoot empty;
+    const DeviceRoot empty, uplOff;
+    // Keys missing from the file read as 0: those of a disabled monitor are not warned about.
+    uplOff.setDaemonConfig(R"({"device_upl": {"dupl_monitoring_enabled": false}})");
     const std::string source = TAVREND_SOURCE_DIR;
     const struct {
         std::string root;
@@ -45,6 +47,12 @@ TEST(CheckConfig, ExitStatusAndOneWarningPerMistake) {
           "MetricConfig.IdleDetector.Orrery_Metric_Interface.Metrics",
           "MetricConfig.MemoryGuardrail.Orrery_Metric_Interface.Active"},
          "default"},
+        {uplOff.path(),
+         1,
+         {"system_mem.memory_read_interval_sec", "system_mem.critical_memory_measurement_time",
+          "system_mem.lmk_target_kills", "proc_scan.proc_scan_interval_sec",
+          "proc_scan.num_historical_vals", "/system/etc/tavrend/tavrend_metric_config.json"},
+         ""},
         {empty.path(), 2, {}, ""},
         {source + "/tests/e2e/testdata/no_processes_root", 2, {}, "file"},  // valid JSON
         {"--help", 0, {}, ""},
