@@ -152,12 +152,15 @@ TEST(BinderParcel, ReadsStopAtTheEndAndCheckTheToken) {
     EXPECT_EQ(p.readString16(&str), NOT_ENOUGH_DATA);
     EXPECT_EQ(p.dataPosition(), 0u);
 
-    // The surrogate pairs of U+1F642, U+10000 and U+10FFFF.
+    // Each length's first and last code point (U+007F, U+0080, U+07FF, U+0800,
+    // U+FFFF), and the surrogate pairs of U+1F642, U+10000 and U+10FFFF.
+    const char* const text =
+        "h\x7f\xc2\x80\xdf\xbf\xe0\xa0\x80\xef\xbf\xbfllo \xf0\x9f\x99\x82\xf0\x90\x80\x80"
+        "\xf4\x8f\xbf\xbf";
     Parcel s;
-    s.writeString16(String16("h\xc3\xa9llo \xf0\x9f\x99\x82\xf0\x90\x80\x80\xf4\x8f\xbf\xbf"));
+    s.writeString16(String16(text));
     s.setDataPosition(0);
-    EXPECT_STREQ(String8(s.readString16()).c_str(),
-                 "h\xc3\xa9llo \xf0\x9f\x99\x82\xf0\x90\x80\x80\xf4\x8f\xbf\xbf");
+    EXPECT_STREQ(String8(s.readString16()).c_str(), text);
     const Bytes lone = {2, 0, 0, 0, 0xff, 0xdf, 0x00, 0xd8, 0, 0, 0, 0};  // U+DFFF, then U+D800
     Parcel l;
     l.setData(lone.data(), lone.size());
