@@ -66,5 +66,6 @@ TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
     EXPECT_NE(chart.find(">max 113920 kB<"), std::string::npos) << chart;
     EXPECT_NE(chart.find(">min 37888 kB<"), std::string::npos);
     EXPECT_TRUE(fs::exists(dir / "svg/report1-rss-801-surfaceflinger.svg"));
+    EXPECT_TRUE(fs::exists(dir / "svg/report1-rss-2210-vendor.Audio-hal_2.svg"));
     EXPECT_FALSE(fs::exists(dir / "svg/report1-upl.svg"));  // no samples, no chart
 }

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <set>
 #include <string>
 
 #include "support/DeviceRoot.h"
@@ -37,6 +38,10 @@ TEST(Dravikfs, PssOfSyntheticProcesses) {
     root.addProcess({.pid = 4444, .pssKb = 52311});
     START_DRAVIK(dravik, root.path());
     const std::string pss = dravik.file("total_pss_kb");
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(dravik.file("")))
+        names.insert(entry.path().filename());
+    EXPECT_EQ(names, (std::set<std::string>{"target_pid_kill", "total_pss_kb"}));
 
     EXPECT_EQ(readText(pss), "") << "nothing selected yet";
     // 4343 has no "Pss:" line at all, 9999 no folder.
