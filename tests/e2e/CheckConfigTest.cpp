@@ -67,10 +67,17 @@ TEST(CheckConfig, ExitStatusAndOneWarningPerMistake) {
             at == std::string::npos ? "" : got.output.substr(at, got.output.find('\n', at) - at);
         EXPECT_TRUE(c.lmkTargetSource.empty() || line.ends_with(" " + c.lmkTargetSource)) << line;
     }
-    // Valid JSON without a single section the daemon reads.
-    const DeviceRoot unrelated;
+    // Valid JSON without a single section the daemon reads, JSON cut short, no file.
+    const DeviceRoot unrelated, cut;
     unrelated.setDaemonConfig(R"({"unrelated": 1})");
-    const auto got = ctl(empty, {"check-config", unrelated.path()});
-    EXPECT_EQ(got.exitCode, 2);
-    EXPECT_NE(got.output.find("holds none of system_mem"), std::string::npos) << got.output;
+    cut.setDaemonConfig(R"({"system_mem": )");
+    const std::pair<const DeviceRoot*, std::string> stops[] = {
+        {&unrelated, "holds none of system_mem"},
+        {&cut, "tavrend_config.json: unreadable or not valid JSON"},
+        {&empty, "tavrend_config.json: missing"}};
+    for (const auto& [root, says] : stops) {
+        const auto got = ctl(empty, {"check-config", root->path()});
+        EXPECT_EQ(got.exitCode, 2);
+        EXPECT_NE(got.output.find(says), std::string::npos) << got.output;
+    }
 }
