@@ -326,4 +326,14 @@ TEST_F(BinderService, ConnectionsAreBoundedAndRefusalsLoggedOncePerEpisode) {
                   "binder accept: Too many open files; retrying quietly until it succeeds",
                   "binder accept: succeeds again", "binder: accepting connections again"}));
     close(late);
+
+    // A pool that cannot get its own descriptors refuses the service.
+    tavrend::platform::resetBinderHost();
+    const int lowestFree = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    close(lowestFree);
+    const rlimit none{static_cast<rlim_t>(lowestFree), saved.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const status_t refused = defaultServiceManager()->addService(String16("test.echo"), service);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+    EXPECT_EQ(refused, UNKNOWN_ERROR);
 }
