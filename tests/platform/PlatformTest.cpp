@@ -16,6 +16,8 @@
 #include <thread>
 #include <vector>
 
+#include "platform/device_root.h"
+#include "platform/host_root.h"
 #include "platform/log_hook.h"
 #include "platform/time_seam.h"
 #include "support/DeviceRoot.h"
@@ -197,6 +199,25 @@ TEST(HostProperties, ConcurrentReaderSeesOldOrNewValue) {
     stop = true;
     reader.join();
     EXPECT_EQ(bad.load(), 0);
+}
+
+// Files served from memory read to their end and close once, like real ones;
+// a path the table names without bytes is absent.
+TEST(HostRoot, MemoryFilesReadAndCloseLikeDescriptors) {
+    using namespace tavrend::platform;
+    const MemoryFile files[] = {{"/proc/meminfo", "MemTotal: 1 kB\n", 15},
+                                {"/proc/zoneinfo", nullptr, 0}};
+    const MemoryFiles table{files, 2};
+    setMemoryFiles(&table);
+    const int fd = openDeviceFd("/proc/meminfo");
+    char buf[64];
+    EXPECT_EQ(readDeviceFd(fd, buf, sizeof(buf)), 15);
+    EXPECT_EQ(readDeviceFd(fd, buf, sizeof(buf)), 0);
+    EXPECT_EQ(closeDeviceFd(fd), 0);
+    EXPECT_EQ(closeDeviceFd(fd), -1);
+    EXPECT_EQ(readDeviceFd(fd, buf, sizeof(buf)), -1);
+    EXPECT_EQ(openDeviceFd("/proc/zoneinfo"), -1);
+    setMemoryFiles(nullptr);
 }
 
 // A signal in the middle of a second does not cut the daemon's sleep short.
