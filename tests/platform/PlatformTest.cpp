@@ -222,7 +222,8 @@ TEST(HostRoot, MemoryFilesReadAndCloseLikeDescriptors) {
 
 // A signal in the middle of a second does not cut the daemon's sleep short.
 TEST(HostTime, SleepOutlastsASignal) {
-    struct sigaction quiet {}, old {};
+    struct sigaction quiet = {};
+    struct sigaction old = {};
     quiet.sa_handler = [](int) {};  // no SA_RESTART: nanosleep returns EINTR
     sigaction(SIGUSR1, &quiet, &old);
     const pthread_t sleeper = pthread_self();
