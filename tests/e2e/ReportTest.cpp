@@ -1,7 +1,8 @@
 // tavrendctl report on a system log captured from two daemon runs: a memory
 // report whose histories take two lines each, then a latency report; and on
 // the same log cut short inside the first Other Free history, with a value
-// that is no number in one process's history (report_cut.log).
+// that is no number in one process's history and a history line of another
+// thread inside the report (report_cut.log).
 #include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 
@@ -33,9 +34,10 @@ TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
           "Bad UPL samples  1062 ms (20 samples)", "svg: 14 charts"}},
         {{TAVREND_SOURCE_DIR "/tests/e2e/testdata/report_cut.log"},
          0,
-         {"report_cut.log:16: cannot read the RSS history of pid 2210; skipped",
-          "report_cut.log:18: the Other Free history is cut short; skipped",
-          "Other Free       (missing or unreadable)", "surfaceflinger [801]"}},
+         {"report_cut.log:17: cannot read the RSS history of pid 2210; skipped",
+          "report_cut.log:19: the Other Free history is cut short; skipped",
+          "Other Free       (missing or unreadable)",
+          "+102400 kB  surfaceflinger [801]: 73728 -> 176128 kB"}},
         {{dir / "plain.log"}, 1, {"no crash report in"}},
         {{dir / "missing.log"}, 2, {"cannot read"}},
         {{kLog, "--svg"}, 2, {"--svg needs a value"}},
