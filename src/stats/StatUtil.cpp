@@ -86,7 +86,11 @@ void pidPath(char (&path)[48], int pid, const char* file) {
     memcpy(p, first, count);
     p += count;
     *p++ = '/';
-    strcpy(p, file);  // "cmdline" at most: the path fits
+    // "cmdline" at most, so the name always fits; a longer one would be cut.
+    const size_t room = sizeof(path) - static_cast<size_t>(p - path) - 1;
+    const size_t length = strnlen(file, room);
+    memcpy(p, file, length);
+    p[length] = '\0';
 }
 
 // zoneinfo and status are read in pieces of at most 1023 bytes, as fgets()
