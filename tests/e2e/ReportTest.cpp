@@ -2,7 +2,8 @@
 // report whose histories take two lines each, then a latency report; and on
 // the same log cut short inside the first Other Free history, with a value
 // that is no number in one process's history and a history line of another
-// thread inside the report (report_cut.log).
+// thread inside the report, and a swap history shorter than its RSS one
+// (report_cut.log).
 #include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 
@@ -32,7 +33,7 @@ TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
           "+102400 kB  surfaceflinger [801]: 73728 -> 176128 kB",
           "condition: Critical UPL condition detected since bad sample count threshold reached",
           "Bad UPL samples  1062 ms (20 samples)", "svg: 14 charts"}},
-        {{TAVREND_SOURCE_DIR "/tests/e2e/testdata/report_cut.log"},
+        {{TAVREND_SOURCE_DIR "/tests/e2e/testdata/report_cut.log", "--trace", dir / "cut.json"},
          0,
          {"report_cut.log:17: cannot read the RSS history of pid 2210; skipped",
           "report_cut.log:19: the Other Free history is cut short; skipped",
@@ -64,6 +65,8 @@ TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
     EXPECT_NE(trace.find("{\"ph\":\"C\",\"name\":\"Bad UPL samples\",\"pid\":2,"
                          "\"ts\":1795460604000000,\"args\":{\"ms\":1062}}"),
               std::string::npos);
+    // system_server's swap history is two samples long: they end with its RSS.
+    EXPECT_NE(readText(dir / "cut.json").find(",\"RSwap kB\":1}}"), std::string::npos);
     const std::string chart = readText(dir / "svg/report1-other-free.svg");
     EXPECT_NE(chart.find(">max 113920 kB<"), std::string::npos) << chart;
     EXPECT_NE(chart.find(">min 37888 kB<"), std::string::npos);

@@ -137,6 +137,7 @@ TEST(BinderParcel, WritesTheDeviceLayout) {
 TEST(BinderParcel, ReadsStopAtTheEndAndCheckTheToken) {
     const Bytes fourBytes = {7, 0, 0, 0};
     Parcel p;
+    EXPECT_EQ(p.setData(nullptr, 4), BAD_VALUE);  // and nothing is read from null
     p.setData(fourBytes.data(), 4);
     int64_t v64 = 5;
     EXPECT_EQ(p.readInt64(&v64), NOT_ENOUGH_DATA);

@@ -67,7 +67,12 @@ TEST(Meminfo, EveryKeyAndAMissingFile) {
 
 TEST(Zoneinfo, WatermarksOfEveryZone) {
     auto kb = [](uint64_t pages) { return pages * static_cast<uint64_t>(getpagesize()) >> 10; };
+    // The most pages whose bytes still fit, and one more: that one saturates.
+    const uint64_t most = UINT64_MAX / static_cast<uint64_t>(getpagesize());
+    const std::string edge =
+        "\tlow\t" + std::to_string(most) + "\n\thigh\t" + std::to_string(most + 1) + "\n";
     const std::tuple<const char*, uint64_t, uint64_t> cases[] = {
+        {edge.c_str(), kb(most), UINT64_MAX >> 10},
         {nullptr, 1, 2},  // no file: false, outputs untouched
         // Pagesets have "high:" lines of their own, not watermarks.
         {"\tlow\t3\n\thigh\t4\n  pagesets\n    cpu: 0\n              high:  378\n", kb(3), kb(4)},
