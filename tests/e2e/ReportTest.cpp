@@ -42,6 +42,7 @@ TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
         {{dir / "plain.log"}, 1, {"no crash report in"}},
         {{dir / "missing.log"}, 2, {"cannot read"}},
         {{kLog, "--svg"}, 2, {"--svg needs a value"}},
+        {{kLog, "--trace", "/dev/full"}, 2, {"cannot write /dev/full"}},
     };
     for (const Case& c : cases) {
         std::vector<std::string> args = {"report"};
