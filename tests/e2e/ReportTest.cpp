@@ -1,9 +1,9 @@
 // tavrendctl report on a system log captured from two daemon runs: a memory
-// report whose histories take two lines each, then a latency report; and on
-// the same log cut short inside the first Other Free history, with a value
-// that is no number in one process's history and a history line of another
-// thread inside the report, and a swap history shorter than its RSS one
-// (report_cut.log).
+// report whose histories take two lines each, one process named with XML's
+// special characters, then a latency report; and on the same log cut short
+// inside the first Other Free history, with a value that is no number in one
+// process's history, a history line of another thread inside the report, and
+// a swap history shorter than its RSS one (report_cut.log).
 #include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 
@@ -72,6 +72,8 @@ TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
     EXPECT_NE(chart.find(">max 113920 kB<"), std::string::npos) << chart;
     EXPECT_NE(chart.find(">min 37888 kB<"), std::string::npos);
     EXPECT_TRUE(fs::exists(dir / "svg/report1-rss-801-surfaceflinger.svg"));
-    EXPECT_TRUE(fs::exists(dir / "svg/report1-rss-2210-vendor.Audio-hal_2.svg"));
+    EXPECT_NE(readText(dir / "svg/report1-rss-2210-vendor.Audio-hal_2_a__b__.svg")
+                  .find(">RSS of vendor.Audio-hal_2&lt;a&amp;&quot;b&quot;&gt; [2210]<"),
+              std::string::npos);
     EXPECT_FALSE(fs::exists(dir / "svg/report1-upl.svg"));  // no samples, no chart
 }
