@@ -201,10 +201,16 @@ TEST(HostProperties, ConcurrentReaderSeesOldOrNewValue) {
     EXPECT_EQ(bad.load(), 0);
 }
 
-// Files served from memory read to their end and close once, like real ones;
-// a path the table names without bytes is absent.
+// A device path without its leading slash still maps inside the root. Files
+// served from memory read to their end and close once, like real ones; a path
+// the table names without bytes is absent.
 TEST(HostRoot, MemoryFilesReadAndCloseLikeDescriptors) {
     using namespace tavrend::platform;
+    {
+        const DeviceRoot root;
+        EXPECT_EQ(hostPath("data/x"), root.path() + "/data/x");
+        EXPECT_EQ(hostPath(""), root.path() + "/");
+    }
     const MemoryFile files[] = {{"/proc/meminfo", "MemTotal: 1 kB\n", 15},
                                 {"/proc/zoneinfo", nullptr, 0}};
     const MemoryFiles table{files, 2};
