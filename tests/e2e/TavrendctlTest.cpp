@@ -109,17 +109,32 @@ TEST(Tavrendctl, SimRefusesBadScenarios) {
         const char* error = cJSON_GetStringValue(cJSON_GetObjectItem(json, "description"));
         const auto got = ctl(root, {"sim", e.path()});
         EXPECT_EQ(got.exitCode, 2) << e.path();
-        EXPECT_NE(got.output.find(std::string("bad scenario: ") + (error ? error : "?")),
-                  std::string::npos)
+        // An error about the file as a whole names it first.
+        const std::string want = error ? error : "?";
+        EXPECT_TRUE(got.output.find("bad scenario: " + want) != std::string::npos ||
+                    got.output.find("bad scenario: " + e.path().string() + " " + want) !=
+                        std::string::npos)
             << got.output;
         cJSON_Delete(json);
         ++files;
     }
-    EXPECT_EQ(files, 21u);
+    EXPECT_EQ(files, 23u);
     EXPECT_NE(ctl(root, {"sim", TAVREND_SOURCE_DIR "/README.md"}).output.find("bad scenario:"),
               std::string::npos);  // not JSON at all
     root.writeFile("/big.json", "{" + std::string(4 << 20, ' ') + "}");
     EXPECT_NE(ctl(root, {"sim", root.host("/big.json")}).output.find("larger than 4 MiB"),
               std::string::npos);
     EXPECT_EQ(ctl(root, {"sim", "-h"}).exitCode, 0);
+
+    // A device root that can't be written (here: over the file size limit) ends the run.
+    const std::string out = root.path() + "-fsize.txt";
+    Subprocess sh("/bin/sh",
+                  {"-c", "trap '' XFSZ; ulimit -f 1; exec \"$0\" sim \"$1\"", binPath("tavrendctl"),
+                   TAVREND_SOURCE_DIR "/device/scenarios/sigterm_idle_wait.json"},
+                  {}, out);
+    const auto status = sh.wait(10s);
+    EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 2);
+    EXPECT_NE(readText(out).find("cannot build the device root: cannot write "), std::string::npos)
+        << readText(out);
+    std::remove(out.c_str());
 }

@@ -901,6 +901,7 @@ int play(const std::string& path, const Scenario& s, double scale) {
         fprintf(stderr, "tavrendctl: cannot build the device root: %s\n",
                 ec ? ec.message().c_str() : error.c_str());
         run.cleanup();
+        fs::remove_all(run.base, ec);  // nothing ran: no logs to keep
         return 2;
     }
     // The binder client below finds the daemon's service through this root.
