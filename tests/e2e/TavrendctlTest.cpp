@@ -73,6 +73,9 @@ TEST(Tavrendctl, UplAndCallSendBinderTransactions) {
          "status: 0 (OK)\nResult: Parcel(\n"
          "  0x00000000: 00000007 00000002 00690068 00000000 '........h.i.....'\n"
          "  0x00000010: ffffffff ffffffff '........')\n"},
+        {{"call", "test.target", "1", "i64", "1", "i64", "2", "i64", "3", "i64", "4"},
+         0,
+         "  0x00000010: 00000003 00000000 00000004 00000000 '................')\n"},
         {{"call", "test.target", "1", "token", "ab"},
          0,
          "0x00000010: 00620061 00000000 'a.b.....')"},
