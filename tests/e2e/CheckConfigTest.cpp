@@ -80,4 +80,10 @@ TEST(CheckConfig, ExitStatusAndOneWarningPerMistake) {
         EXPECT_EQ(got.exitCode, 2);
         EXPECT_NE(got.output.find(says), std::string::npos) << got.output;
     }
+    // An empty TAVREND_ROOT is the device's own root.
+    const std::string out = empty.path() + "-own.txt";
+    Subprocess own(binPath("tavrendctl"), {"check-config"}, {{"TAVREND_ROOT", ""}}, out);
+    own.wait(std::chrono::seconds(10));
+    EXPECT_NE(readText(out).find("device root: /\n"), std::string::npos) << readText(out);
+    std::remove(out.c_str());
 }
