@@ -128,6 +128,19 @@ TEST(Tavrendctl, SimRefusesBadScenarios) {
     EXPECT_NE(ctl(root, {"sim", root.host("/big.json")}).output.find("larger than 4 MiB"),
               std::string::npos);
     EXPECT_EQ(ctl(root, {"sim", "-h"}).exitCode, 0);
+    // --scale takes 0.001 to 100000; a good one goes on to read the scenario.
+    const std::string noEnd = TAVREND_SOURCE_DIR "/tests/e2e/testdata/bad_scenarios/no_end.json";
+    for (const auto& [scale, good] : std::vector<std::pair<std::string, bool>>{{"0.001", true},
+                                                                               {"100000", true},
+                                                                               {"0.0009", false},
+                                                                               {"1e6", false},
+                                                                               {"inf", false},
+                                                                               {"2x", false}}) {
+        const auto got = ctl(root, {"sim", noEnd, "--scale", scale});
+        EXPECT_NE(got.output.find(good ? "bad scenario:" : "--scale needs a number"),
+                  std::string::npos)
+            << scale << ": " << got.output;
+    }
 
     // A device root that can't be written (here: over the file size limit) ends the run.
     const std::string out = root.path() + "-fsize.txt";
