@@ -130,12 +130,10 @@ TEST(Tavrendctl, SimRefusesBadScenarios) {
     EXPECT_EQ(ctl(root, {"sim", "-h"}).exitCode, 0);
     // --scale takes 0.001 to 100000; a good one goes on to read the scenario.
     const std::string noEnd = TAVREND_SOURCE_DIR "/tests/e2e/testdata/bad_scenarios/no_end.json";
-    for (const auto& [scale, good] : std::vector<std::pair<std::string, bool>>{{"0.001", true},
-                                                                               {"100000", true},
-                                                                               {"0.0009", false},
-                                                                               {"1e6", false},
-                                                                               {"inf", false},
-                                                                               {"2x", false}}) {
+    const std::pair<const char*, bool> scales[] = {{"0.001", true},   {"100000", true},
+                                                   {"0.0009", false}, {"1e6", false},
+                                                   {"inf", false},    {"2x", false}};
+    for (const auto& [scale, good] : scales) {
         const auto got = ctl(root, {"sim", noEnd, "--scale", scale});
         EXPECT_NE(got.output.find(good ? "bad scenario:" : "--scale needs a number"),
                   std::string::npos)
