@@ -2,6 +2,7 @@
 // mistakes (its daemon configuration is the override copy) and on an empty root.
 #include <gtest/gtest.h>
 
+#include <map>
 #include <set>
 #include <sstream>
 #include <string>
@@ -33,9 +34,13 @@ TEST(CheckConfig, ExitStatusAndOneWarningPerMistake) {
         std::string root;
         int exitCode;
         std::multiset<std::string> warnedKeys;
-        std::string lmkTargetSource;  // where lmk_target_kills came from, when shown
+        std::map<std::string, std::string> sources;  // where a key's value came from
     } cases[] = {
-        {source + "/device/root", 0, {}, "file"},
+        {source + "/device/root",
+         0,
+         {},
+         {{"system_mem.lmk_target_kills", "file"},
+          {"process_guardrail.guardrail_check_interval_sec", "file"}}},
         {source + "/tests/e2e/testdata/bad_root",
          1,
          {"kernel", "system_mem.zram?limit_kb", "system_mem.critical_memory_bucket",
@@ -46,26 +51,32 @@ TEST(CheckConfig, ExitStatusAndOneWarningPerMistake) {
           "process_guardrail.guardrail_check_interval_sec",
           "MetricConfig.IdleDetector.Orrery_Metric_Interface.Metrics",
           "MetricConfig.MemoryGuardrail.Orrery_Metric_Interface.Active"},
-         "default"},
+         {{"system_mem.lmk_target_kills", "default"}}},
         {uplOff.path(),
          1,
          {"system_mem.memory_read_interval_sec", "system_mem.critical_memory_measurement_time",
           "system_mem.lmk_target_kills", "proc_scan.proc_scan_interval_sec",
           "proc_scan.num_historical_vals", "/system/etc/tavrend/tavrend_metric_config.json"},
-         ""},
-        {empty.path(), 2, {}, ""},
-        {source + "/tests/e2e/testdata/no_processes_root", 2, {}, "file"},  // valid JSON
-        {"--help", 0, {}, ""},
+         {}},
+        {empty.path(), 2, {}, {}},
+        {source + "/tests/e2e/testdata/no_processes_root",
+         2,
+         {},
+         {{"system_mem.lmk_target_kills", "file"}}},  // valid JSON
+        {"--help", 0, {}, {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.root);
         const auto got = ctl(empty, {"check-config", c.root});
         EXPECT_EQ(got.exitCode, c.exitCode);
         EXPECT_EQ(warnedKeys(got.output), c.warnedKeys);
-        const size_t at = got.output.find("  system_mem.lmk_target_kills ");
-        const std::string line =
-            at == std::string::npos ? "" : got.output.substr(at, got.output.find('\n', at) - at);
-        EXPECT_TRUE(c.lmkTargetSource.empty() || line.ends_with(" " + c.lmkTargetSource)) << line;
+        for (const auto& [key, from] : c.sources) {
+            const size_t at = got.output.find("  " + key + " ");
+            const std::string line = at == std::string::npos
+                                         ? ""
+                                         : got.output.substr(at, got.output.find('\n', at) - at);
+            EXPECT_TRUE(line.ends_with(" " + from)) << line;
+        }
     }
     // Valid JSON without a single section the daemon reads, JSON cut short, no file.
     const DeviceRoot unrelated, cut;
