@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <thread>
 #include <vector>
@@ -180,6 +181,13 @@ TEST(HostProperties, SetRefusesBadNamesValuesAndSecondReadOnlySet) {
         EXPECT_EQ(property_get("test.unset", value, "dflt"), 4);
         EXPECT_STREQ(value, "dflt");
     }
+    // A relative root whose folders are not there yet: the first set makes them.
+    const auto cwd = std::filesystem::current_path();
+    std::filesystem::current_path(root.path());
+    tavrend::platform::setDeviceRoot("fresh/root");
+    EXPECT_EQ(property_set("ro.boot.x", "1"), 0);
+    std::filesystem::current_path(cwd);
+    EXPECT_TRUE(root.exists("/fresh/root/dev/__properties__/ro.boot.x"));
 }
 
 TEST(HostProperties, ConcurrentReaderSeesOldOrNewValue) {
