@@ -188,6 +188,13 @@ TEST(BinderParcel, ReadsStopAtTheEndAndCheckTheToken) {
     Parcel shortToken;
     shortToken.setData(kTokenAb.data(), 12);
     EXPECT_FALSE(shortToken.enforceInterface(String16("ab")));
+    // checkInterface reads the token of the binder's own interface; no binder, no match.
+    const sp<EchoService> echo = sp<EchoService>::make();
+    Parcel token;
+    token.writeInterfaceToken(ITestEcho::descriptor);
+    token.setDataPosition(0);
+    EXPECT_TRUE(token.checkInterface(echo.get()));
+    EXPECT_FALSE(token.checkInterface(nullptr));
 }
 
 class BinderService : public ::testing::Test {
