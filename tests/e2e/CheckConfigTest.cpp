@@ -129,7 +129,7 @@ constexpr const char* kCleanConfig = R"({
   "process_guardrail": {"process_guardrail_monitoring_enabled": true,
     "guardrail_check_interval_sec": 5, "process_kill_metrics_interval_sec": 10}})";
 
-// kCleanConfig with the sections of `change` merged into it key by key.
+// kCleanConfig with the sections of `change` merged into it key by key (null: removed).
 std::string changedConfig(const char* change) {
     cJSON* base = cJSON_Parse(kCleanConfig);
     cJSON* edit = cJSON_Parse(change);
@@ -137,7 +137,8 @@ std::string changedConfig(const char* change) {
         for (cJSON* key = section->child; key != nullptr; key = key->next) {
             cJSON* into = cJSON_GetObjectItem(base, section->string);
             cJSON_DeleteItemFromObject(into, key->string);
-            cJSON_AddItemToObject(into, key->string, cJSON_Duplicate(key, true));
+            if (!cJSON_IsNull(key))
+                cJSON_AddItemToObject(into, key->string, cJSON_Duplicate(key, true));
         }
     }
     char* text = cJSON_Print(base);
@@ -181,18 +182,22 @@ TEST(CheckConfig, EachMistakeDrawsOneWarningWithTheValueUsed) {
         {R"({"device_upl": {"critical_upl_bad_sample_count_threshold": -3,
                             "dupl_monitoring_enabled": false}})",
          "", "device_upl.critical_upl_bad_sample_count_threshold", "-3: counts as 1"},
+        {R"({"device_upl": {"critical_upl_bad_sample_count_threshold": null}})", "",
+         "device_upl.critical_upl_bad_sample_count_threshold", "0 (not in the file): counts as 1"},
         {R"({"system_mem": {"critical_memory_minimum_idle_time_sec": 60}})", "", "",
          "60, never acted on"},  // a note, not a warning
         {"{}", R"({"name": "camera", "soft_memory_limit": -1, "hard_memory_limit": 1000})",
          "processes[1]", "is never killed, whatever its hard limit (1000 kB)"},
         {"{}",
-         R"({"name": "vendor.example.hardware.camera", "soft_memory_limit": 1,
+         R"({"name": "vendor.example.hardware.camera1", "soft_memory_limit": 1,
              "hard_memory_limit": 2})",
-         "processes[1]", "has 30 characters: a short name has at most 15"},
+         "processes[1]", "has 31 characters: a short name has at most 15"},
         {"{}",
          R"({"name": "vendor.example.hardware.camera.x", "soft_memory_limit": 1,
              "hard_memory_limit": 2})",
          "processes[1]", "has 32 characters: a process name has at most 31, so it never matches"},
+        {"{}", R"({"name": "android.hardwar", "soft_memory_limit": 1, "hard_memory_limit": 2})", "",
+         ""},
         {"{}", kLauncher, "processes[1]", "\"launcher\" again, as processes[0]"},
         {"{}", R"({"name": "", "soft_memory_limit": 1, "hard_memory_limit": 2})", "processes[1]",
          "empty name"},
