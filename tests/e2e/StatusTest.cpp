@@ -53,6 +53,9 @@ TEST(Status, StateAndCountsAtEachCutOfARealLog) {
          "none", -1},
         {"09:52:08.549", "monitoring", 2, 3, 4, "launcher", "media.codec=1,launcher=1", "memory",
          -1},
+        // The crash report: the loop has ended, the idle detector not yet begun.
+        {"Total Processes Sampled: 2", "waiting_for_idle", 2, 3, 4, "launcher",
+         "media.codec=1,launcher=1", "memory", -1},
         // Held by the minimum uptime 1133 s, then counting the override of 120 s.
         {"uptime: 1106", "waiting_for_idle", 2, 3, 4, "launcher", "media.codec=1,launcher=1",
          "memory", 148},
