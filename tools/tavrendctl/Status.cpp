@@ -12,6 +12,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -74,7 +75,6 @@ std::string orUnknown(const std::optional<T>& v) {
     return v ? std::to_string(*v) : "unknown";
 }
 
-
 std::string configText(const DaemonStatus& s, std::string_view key) {
     for (const auto& [k, v] : s.config) {
         if (k == key) return v;
@@ -117,7 +117,8 @@ void textRun(const DaemonStatus& s, Text& t) {
     }
     std::string row = "configuration:";
     for (const auto& [k, v] : s.config) {
-        const std::string item = " " + k + " " + v + ",";
+        std::string item = " ";
+        item.append(k).append(" ").append(v).append(",");
         if (row.size() + item.size() > 100) {
             t.line("%s", row.c_str());
             row = " ";
@@ -132,9 +133,10 @@ void textCounts(const DaemonStatus& s, Text& t) {
     const std::string beat = s.heartbeat ? "as of heartbeat " + std::to_string(*s.heartbeat) +
                                                " at " + stampText(*s.heartbeatAt)
                                          : "no heartbeat yet";
-    t.line("memory: %s of %s low-memory-killer kills counted (classes up to %s), %s",
+    t.line("memory: %s of %s low-memory-killer kills counted (classes up to %s), %s%s",
            orUnknown(s.lmkKills).c_str(), configText(s, "lmk_target_kills").c_str(),
-           configText(s, "lmk_counter_threshold").c_str(), beat.c_str());
+           configText(s, "lmk_counter_threshold").c_str(), beat.c_str(),
+           s.condition == Condition::Memory ? "; the target was reached at the condition" : "");
     const auto on = s.monitors.find("latency");
     if (on != s.monitors.end() && !on->second) {
         t.line("latency: monitoring off");
@@ -272,6 +274,8 @@ void jsonGuardrails(const DaemonStatus& s, cJSON* doc) {
     cJSON* queued = cJSON_AddArrayToObject(block, "queued");
     cJSON* kills = cJSON_AddObjectToObject(block, "kills");
     std::set<std::string> seen;
+    std::map<std::string, int> killsOf;
+    std::vector<std::string> order;  // names in the rows' order
     for (const GuardrailRow& r : s.guardrails) {
         cJSON* row = cJSON_CreateObject();
         cJSON_AddStringToObject(row, "name", r.name.c_str());
@@ -287,10 +291,12 @@ void jsonGuardrails(const DaemonStatus& s, cJSON* doc) {
         if (r.queued && seen.insert(r.name).second)
             cJSON_AddItemToArray(queued, cJSON_CreateString(r.name.c_str()));
         // Rows of one name count their kills under that name, as the records do.
-        cJSON* count = cJSON_GetObjectItemCaseSensitive(kills, r.name.c_str());
-        if (count == nullptr) count = cJSON_AddNumberToObject(kills, r.name.c_str(), 0);
-        cJSON_SetNumberValue(count, count->valuedouble + r.hardKills + r.idleKills);
+        const auto [it, added] = killsOf.try_emplace(r.name, 0);
+        if (added) order.push_back(r.name);
+        it->second += r.hardKills + r.idleKills;
     }
+    for (const std::string& name : order)
+        cJSON_AddNumberToObject(kills, name.c_str(), killsOf[name]);
 }
 
 void jsonRecovery(const DaemonStatus& s, cJSON* doc) {

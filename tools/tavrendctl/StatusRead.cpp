@@ -82,8 +82,9 @@ void seeUptime(DaemonStatus& s, std::string_view uptime, const Stamp& at) {
     if (const auto u = number(uptime)) s.uptimeSeen = {{*u, at}};
 }
 
-const std::vector<Rule>& rules() {
-    static const std::vector<Rule> all = {
+// The run: its end before the loop, its monitors.
+std::vector<Rule> startRules() {
+    return {
         {"Could not parse tavren_config.json file",
          [](DaemonStatus& s, const Fields&, const Stamp&) {
              s.state = State::Stopped;
@@ -104,6 +105,12 @@ const std::vector<Rule>& rules() {
          [](DaemonStatus& s, const Fields&, const Stamp&) { s.monitors["latency"] = true; }},
         {"Initializing Process Guardrail Monitor",
          [](DaemonStatus& s, const Fields&, const Stamp&) { s.monitors["guardrails"] = true; }},
+    };
+}
+
+// The guardrail rows, their readings, queue and kills.
+std::vector<Rule> guardrailRules() {
+    return {
         {"Guardrailing {} soft_memory_limit {} hard_memory_limit {}",
          [](DaemonStatus& s, const Fields& f, const Stamp&) {
              GuardrailRow r;
@@ -153,6 +160,12 @@ const std::vector<Rule>& rules() {
          [](DaemonStatus& s, const Fields& f, const Stamp&) {
              if (GuardrailRow* r = rowNamed(s, f[0])) ++r->hardKills;
          }},
+    };
+}
+
+// The counts that lead to a critical condition, and the condition.
+std::vector<Rule> countRules() {
+    return {
         {"SystemMemorySampler heartbeat {}, lmk_current_kills {}",
          [](DaemonStatus& s, const Fields& f, const Stamp& at) {
              s.heartbeat = number(f[0]);
@@ -166,6 +179,12 @@ const std::vector<Rule>& rules() {
              s.badSampleThreshold = number(f[2]);
              s.latencyThresholdMs = number(f[3]);
          }},
+    };
+}
+
+// The crash report, the idle wait, the reboot and the end.
+std::vector<Rule> recoveryRules() {
+    return {
         // The loop checks the system memory sampler before the latency monitor,
         // so a memory condition found before the crash report is the one it took.
         {"Memory is being leaked, need to take action",
@@ -212,6 +231,16 @@ const std::vector<Rule>& rules() {
              if (s.stopReason.empty()) s.stopReason = "exited";
          }},
     };
+}
+
+const std::vector<Rule>& rules() {
+    static const std::vector<Rule> all = [] {
+        std::vector<Rule> out;
+        for (auto group : {startRules, guardrailRules, countRules, recoveryRules}) {
+            for (Rule& r : group()) out.push_back(std::move(r));
+        }
+        return out;
+    }();
     return all;
 }
 
