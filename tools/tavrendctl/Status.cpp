@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -398,27 +399,29 @@ bool readAll(int fd, LineFeed& feed) {
     return n == 0;
 }
 
-// Follows `fd` (the last log) as it grows, printing again after new lines.
-int follow(int fd, StatusReader& reader, LineFeed& feed, const Options& o) {
+// Follows `fd` (the last log) as it grows, printing again after new lines,
+// once they pause or at least every second. `shown`: a state was printed.
+int follow(int fd, StatusReader& reader, LineFeed& feed, const Options& o, bool shown) {
+    using Clock = std::chrono::steady_clock;
     const bool isFile = fd != STDIN_FILENO;
-    bool changed = false;
+    bool changed = !shown;
+    auto lastShown = Clock::now();
     while (true) {
         pollfd p{fd, POLLIN, 0};
-        const int ready = isFile ? 0 : poll(&p, 1, 500);
-        const ssize_t n = ready != 0 || isFile ? feed.readOnce(fd) : 0;
-        if (n > 0) {
-            changed = true;
-            continue;
-        }
+        const int ready = isFile ? 1 : poll(&p, 1, 500);
+        const ssize_t n = ready > 0 ? feed.readOnce(fd) : 0;
         if (n < 0 && errno != EINTR) return 2;
-        if (n == 0 && !isFile && ready > 0) {  // the end of standard input
-            feed.finish();
-            show(reader.status(), o, true);
-            return reader.status().found ? 0 : 1;
+        changed = changed || n > 0;
+        const bool ended = n == 0 && !isFile && ready > 0;  // the end of standard input
+        if (ended) feed.finish();
+        if (changed && (n <= 0 || Clock::now() - lastShown > std::chrono::seconds(1))) {
+            show(reader.status(), o, shown);
+            shown = shown || reader.status().found;
+            changed = false;
+            lastShown = Clock::now();
         }
-        if (changed) show(reader.status(), o, true);
-        changed = false;
-        if (isFile) {
+        if (ended) return reader.status().found ? 0 : 1;
+        if (isFile && n == 0) {
             struct stat st {};
             // A log that was cut back (rotated) is read again from its start.
             if (fstat(fd, &st) == 0 && st.st_size < lseek(fd, 0, SEEK_CUR)) {
@@ -464,20 +467,24 @@ int statusCommand(int argc, char** argv) {
     for (size_t i = 0; i < o.logs.size(); ++i) {
         const int fd = openLog(o.logs[i]);
         if (fd < 0) return 2;
-        const bool last = i + 1 == o.logs.size();
+        const bool isStdin = fd == STDIN_FILENO;
+        if (o.follow && i + 1 == o.logs.size()) {
+            // A file is read to its end first; standard input as it comes.
+            bool shown = false;
+            if (!isStdin && readAll(fd, feed)) {
+                show(reader.status(), o, false);
+                shown = reader.status().found;
+            }
+            const int status = follow(fd, reader, feed, o, shown);
+            if (!isStdin) close(fd);
+            return status;
+        }
         const bool ok = readAll(fd, feed);
         if (!ok)
             fprintf(stderr, "tavrendctl: status: %s: %s\n", o.logs[i].c_str(), strerror(errno));
-        if (!ok || !last || !o.follow) {
-            feed.finish();
-            if (fd != STDIN_FILENO) close(fd);
-            if (!ok) return 2;
-            continue;
-        }
-        show(reader.status(), o, false);
-        const int status = follow(fd, reader, feed, o);
-        if (fd != STDIN_FILENO) close(fd);
-        return status;
+        feed.finish();
+        if (!isStdin) close(fd);
+        if (!ok) return 2;
     }
     show(reader.status(), o, false);
     return reader.status().found ? 0 : 1;
