@@ -185,7 +185,7 @@ TEST(CheckConfig, EachMistakeDrawsOneWarningWithTheValueUsed) {
         {R"({"device_upl": {"critical_upl_bad_sample_count_threshold": null}})", "",
          "device_upl.critical_upl_bad_sample_count_threshold", "0 (not in the file): counts as 1"},
         {R"({"system_mem": {"critical_memory_minimum_idle_time_sec": 60}})", "", "",
-         "60, never acted on"},  // a note, not a warning
+         "60, never acted on (loaded and printed only"},  // a note, not a warning
         {"{}", R"({"name": "camera", "soft_memory_limit": -1, "hard_memory_limit": 1000})",
          "processes[1]", "is never killed, whatever its hard limit (1000 kB)"},
         {"{}",

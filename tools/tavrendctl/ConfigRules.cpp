@@ -62,8 +62,7 @@ constexpr const char* kEverySecond = "counts as 1, so it runs every second";
 constexpr const char* kEverySample = "counts as 1, a heartbeat line every sample";
 constexpr const char* kPrintedOnly = "loaded and printed only";
 constexpr const char* kLoggedOnly =
-    "it only sets a figure the daemon logs; the memory decision rests on the low-memory "
-    "killer's kills alone";
+    "it only sets a figure the daemon logs; the memory decision rests on the kills alone";
 
 struct Setting {
     const char* section;  // nullptr: a key of the top level
@@ -124,8 +123,7 @@ const Setting kSettings[] = {
     {.section = kSys,
      .key = "critical_memory_minimum_idle_time_sec",
      .number = &CV::critical_memory_minimum_idle_time_sec,
-     .inert = "loaded and printed only: the idle wait reboots at the first idle reading, however "
-              "short the idleness"},
+     .inert = "loaded and printed only; the idle wait reboots at the first idle reading"},
     {.section = kSys,
      .key = "critical_memory_idle_override_time_sec",
      .number = &CV::critical_memory_idle_override_time_sec,
@@ -265,7 +263,7 @@ bool isLmkClass(const char* s) {
 void checkWritten(const Setting& s, const cJSON* item, const CV& c, Findings& f) {
     const std::string name = nameOf(s);
     if (s.inert != nullptr) {
-        f.note(name, "%s, never acted on: %s", valueOf(s, c).c_str(), s.inert);
+        f.note(name, "%s, never acted on (%s)", valueOf(s, c).c_str(), s.inert);
     } else if (s.number != nullptr && !s.bucket && c.*s.number != item->valueint) {
         // The loader stores a value below 1 as 1.
         f.warn(name, "%d is below 1: the daemon uses %d%s%s", item->valueint, c.*s.number,
