@@ -37,7 +37,7 @@ struct DaemonStatus {
     std::string stopReason;  // why the run stopped, when it did
     // The configuration the daemon printed, in its order ("key", "value").
     std::vector<std::pair<std::string, std::string>> config;
-    // Monitors by name ("process memory", ...): running (true) or off (false).
+    // Monitors by name ("process_memory", ...): running (true) or off (false).
     std::map<std::string, bool> monitors;
 
     // Memory: the low-memory killer's counted kills at the last heartbeat.

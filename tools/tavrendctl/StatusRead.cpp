@@ -98,9 +98,9 @@ std::vector<Rule> startRules() {
          // The latency monitor declines silently when it is disabled.
          [](DaemonStatus& s, const Fields&, const Stamp&) { s.monitors["latency"] = false; }},
         {"Initializing Process Memory Sampler",
-         [](DaemonStatus& s, const Fields&, const Stamp&) { s.monitors["process memory"] = true; }},
+         [](DaemonStatus& s, const Fields&, const Stamp&) { s.monitors["process_memory"] = true; }},
         {"Initializing System Memory Sampler",
-         [](DaemonStatus& s, const Fields&, const Stamp&) { s.monitors["system memory"] = true; }},
+         [](DaemonStatus& s, const Fields&, const Stamp&) { s.monitors["system_memory"] = true; }},
         {"Initializing Device UPL Monitor",
          [](DaemonStatus& s, const Fields&, const Stamp&) { s.monitors["latency"] = true; }},
         {"Initializing Process Guardrail Monitor",
