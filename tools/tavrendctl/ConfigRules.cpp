@@ -550,14 +550,21 @@ std::vector<ConfigFinding> checkConfigObjects(const cJSON* daemonConfig,
                                               const cJSON* guardrailRows) {
     Findings f;
     const CV c = effectiveConfig(daemonConfig);
-    if (cJSON_IsObject(daemonConfig)) {
+    if (!cJSON_IsObject(daemonConfig)) {
+        f.warn("tavrend_config.json", "%s, not an object: the daemon does not start",
+               daemonConfig != nullptr ? jsonType(daemonConfig) : "nothing");
+    } else if (std::none_of(std::begin(kSections), std::end(kSections), [&](const char* s) {
+                   return cJSON_GetObjectItem(daemonConfig, s) != nullptr;
+               })) {
+        checkLayout(daemonConfig, f);
+        f.warn("tavrend_config.json",
+               "holds none of system_mem, proc_scan, sample, device_upl, process_guardrail: the "
+               "daemon does not start");
+    } else {
         checkLayout(daemonConfig, f);
         for (const Setting& s : kSettings) checkValue(s, itemOf(daemonConfig, s), c, f);
         checkRecoveryReach(daemonConfig, c, f);
         checkHistories(c, f);
-    } else {
-        f.warn("tavrend_config.json", "%s, not an object: the daemon does not start",
-               daemonConfig != nullptr ? jsonType(daemonConfig) : "nothing");
     }
     if (guardrailRows != nullptr) {
         if (cJSON_IsArray(guardrailRows)) {

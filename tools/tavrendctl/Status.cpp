@@ -152,6 +152,11 @@ void textCounts(const DaemonStatus& s, Text& t) {
     }
 }
 
+// A limit as the file means it: -1 is stored as the largest value.
+std::string limitText(uint64_t kb) {
+    return kb == UINT64_MAX ? "none" : std::to_string(kb) + " kB";
+}
+
 void textGuardrails(const DaemonStatus& s, Text& t) {
     const auto on = s.monitors.find("guardrails");
     if (on == s.monitors.end() || !on->second) {
@@ -164,11 +169,11 @@ void textGuardrails(const DaemonStatus& s, Text& t) {
         const std::string pss =
             r.pssKb ? std::to_string(*r.pssKb) + " kB at " + stampText(*r.pssAt) : "unknown";
         t.line(
-            "  %-20s PSS %s (soft %llu kB, hard %llu kB)%s%s; kills %d (%d over the hard "
+            "  %-20s PSS %s (soft %s, hard %s)%s%s; kills %d (%d over the hard "
             "limit, %d at an idle second)",
-            r.name.c_str(), pss.c_str(), static_cast<unsigned long long>(r.softKb),
-            static_cast<unsigned long long>(r.hardKb), r.running ? "" : ", not running",
-            r.queued ? ", queued" : "", r.hardKills + r.idleKills, r.hardKills, r.idleKills);
+            r.name.c_str(), pss.c_str(), limitText(r.softKb).c_str(), limitText(r.hardKb).c_str(),
+            r.running ? "" : ", not running", r.queued ? ", queued" : "", r.hardKills + r.idleKills,
+            r.hardKills, r.idleKills);
         if (r.queued) queued.insert(r.name);
     }
     std::string names;

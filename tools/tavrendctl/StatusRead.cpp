@@ -40,19 +40,24 @@ std::optional<long long> number(std::string_view text) {
     return v;
 }
 
+// A kB figure the daemon prints with %llu; -1 in a file shows as 2^64-1.
+std::optional<uint64_t> kb(std::string_view text) {
+    uint64_t v = 0;
+    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
+    if (ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return v;
+}
+
 using Stamp = logcat::Stamp;
 
 // The row of `name`; with `soft` and `hard`, the one with those limits first.
 GuardrailRow* rowNamed(DaemonStatus& s, std::string_view name,
-                       std::optional<long long> soft = std::nullopt,
-                       std::optional<long long> hard = std::nullopt) {
+                       std::optional<uint64_t> soft = std::nullopt,
+                       std::optional<uint64_t> hard = std::nullopt) {
     GuardrailRow* first = nullptr;
     for (GuardrailRow& r : s.guardrails) {
         if (r.name != name) continue;
-        if (!soft || (static_cast<long long>(r.softKb) == *soft &&
-                      static_cast<long long>(r.hardKb) == *hard)) {
-            return &r;
-        }
+        if (!soft || (r.softKb == *soft && r.hardKb == hard)) return &r;
         if (first == nullptr) first = &r;
     }
     return first;
@@ -115,8 +120,8 @@ std::vector<Rule> guardrailRules() {
          [](DaemonStatus& s, const Fields& f, const Stamp&) {
              GuardrailRow r;
              r.name = f[0];
-             r.softKb = static_cast<uint64_t>(number(f[1]).value_or(0));
-             r.hardKb = static_cast<uint64_t>(number(f[2]).value_or(0));
+             r.softKb = kb(f[1]).value_or(0);
+             r.hardKb = kb(f[2]).value_or(0);
              s.guardrails.push_back(r);
          }},
         {"found pid {} of name {}",
@@ -126,10 +131,10 @@ std::vector<Rule> guardrailRules() {
          }},
         {"Pid: {}, Name: {}, TotalPss: {} kB, MemorySoftLimit: {} kB, MemoryHardLimit: {} kB",
          [](DaemonStatus& s, const Fields& f, const Stamp& at) {
-             GuardrailRow* r = rowNamed(s, f[1], number(f[3]), number(f[4]));
+             GuardrailRow* r = rowNamed(s, f[1], kb(f[3]), kb(f[4]));
              if (r == nullptr) return;
              r->pid = static_cast<int>(number(f[0]).value_or(0));
-             r->pssKb = static_cast<uint64_t>(number(f[2]).value_or(0));
+             r->pssKb = kb(f[2]);
              r->pssAt = at;
              r->running = true;
          }},
