@@ -265,7 +265,11 @@ void jsonCounts(const DaemonStatus& s, cJSON* doc) {
     cJSON* latency = cJSON_AddObjectToObject(doc, "latency");
     const auto on = s.monitors.find("latency");
     const bool running = on != s.monitors.end() && on->second;
-    cJSON_AddBoolToObject(latency, "monitoring", running);
+    if (on == s.monitors.end()) {
+        cJSON_AddNullToObject(latency, "monitoring");
+    } else {
+        cJSON_AddBoolToObject(latency, "monitoring", running);
+    }
     // A running monitor that logged no sample has received none.
     const std::optional<long long> none = running ? std::optional(0LL) : std::nullopt;
     addNumber(latency, "bad_samples", s.totalSamples ? s.badSamples : none);
