@@ -43,6 +43,7 @@ int usage(FILE* out = stderr, int status = 2) {
             "       tavrendctl check-config [ROOT]   (see tavrendctl check-config --help)\n"
             "       tavrendctl report LOGFILE [--trace OUT.json] [--svg DIR]\n"
             "       tavrendctl sim SCENARIO [--scale N]\n"
+            "       tavrendctl status [LOG...|-] [--follow] [--json]\n"
             "       tavrendctl --help\n"
             "\n"
             "upl sends one latency sample of MS milliseconds to %s (transaction %u,\n"
@@ -250,5 +251,6 @@ int main(int argc, char** argv) {
     if (strcmp(cmd, "check-config") == 0) return checkConfigCommand(argc - 1, argv + 1);
     if (strcmp(cmd, "report") == 0) return reportCommand(argc - 1, argv + 1);
     if (strcmp(cmd, "sim") == 0) return simCommand(argc - 1, argv + 1);
+    if (strcmp(cmd, "status") == 0) return statusCommand(argc - 1, argv + 1);
     return usage();
 }
