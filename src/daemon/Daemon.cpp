@@ -133,8 +133,9 @@ void runLoop(int signalFd, SamplerList& samplers, CriticalConditionType& critica
     }
 }
 
-void uninitializeMonitors(const SamplerList& samplers) {
-    for (const auto& sampler : samplers) {
+// Each while holding a reference of its own.
+void uninitializeMonitors(SamplerList& samplers) {
+    for (auto& sampler : samplers) {
         std::shared_ptr<MetricSamplerInterface> keep = sampler;
         keep->uninitialize();
     }
