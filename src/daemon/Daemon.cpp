@@ -185,10 +185,10 @@ int daemonMain() {
         TLOGE("main failed, reason=runttimeFailed %s", e.what());
     }
 
-    // Guardrail passes, binder threads and, on SIGTERM, the early idle thread
-    // may still run and use the records: leave them to the process's end.
-    const bool idleThreadRuns = idleThread != nullptr && idleThread->joinable();
-    if (idleThreadRuns || records->uplMonitor != nullptr) *gLingeringRecords = std::move(records);
+    // Guardrail passes (the idle thread is started early with their monitor),
+    // binder threads and, on SIGTERM, the early idle thread may still run and
+    // use the records: leave them to the process's end.
+    if (idleThread || records->uplMonitor) *gLingeringRecords = std::move(records);
     records.reset();
 
     TLOGI("Exiting");
