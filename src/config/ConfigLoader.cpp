@@ -7,13 +7,14 @@
 #include <mutex>
 
 #include "common/Log.h"
+#include "common/NoDestroy.h"
 #include "config/Constants.h"
 #include "config/cjson_ext.h"
 
 namespace tavrend {
 namespace {
 
-std::mutex configLoadMutex;
+const NoDestroy<std::mutex> configLoadMutex;
 
 // The value read from the file is stored as is when it is 2 or more, else as 1.
 int32_t atLeastOne(int32_t v) { return v < 1 ? 1 : v; }
@@ -122,7 +123,7 @@ void loadProcessGuardrail(const cJSON* section, ConfigVariables& c) {
 int tavren_config_load_info(cJSON* root, ConfigVariables& config) {
     static const char* const kSections[5] = {"system_mem", "proc_scan", "sample", "device_upl",
                                              "process_guardrail"};
-    std::lock_guard<std::mutex> lock(configLoadMutex);
+    std::lock_guard<std::mutex> lock(*configLoadMutex);
     int result = -EINVAL;
     for (int s = 0; s < 5; ++s) {
         const cJSON* member = cJSON_GetObjectItem(root, kSections[s]);

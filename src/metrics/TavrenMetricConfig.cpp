@@ -3,6 +3,7 @@
 #include <cutils/properties.h>
 
 #include "common/Log.h"
+#include "common/NoDestroy.h"
 #include "config/cjson_ext.h"
 
 namespace tavrend {
@@ -82,7 +83,8 @@ TavrenMetricConfig::MetricConfig readMetricConfig(const cJSON* element) {
 TavrenMetricConfig& TavrenMetricConfig::instance() {
     // Never destroyed: the idle detector's thread reads it, and no thread of
     // the daemon may find a static destroyed under it at exit.
-    static TavrenMetricConfig* config = new TavrenMetricConfig;
+    struct Instance : TavrenMetricConfig {};
+    static const NoDestroy<Instance> config;
     return *config;
 }
 

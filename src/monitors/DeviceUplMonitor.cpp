@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "common/Log.h"
+#include "common/SigtermBlock.h"
 #include "monitors/TavrendIPC.h"
 
 namespace tavrend {
@@ -25,6 +26,9 @@ bool DeviceUplMonitor::init() {
     android::defaultServiceManager()->addService(android::String16(android::kTavrendIpcServiceName),
                                                  new android::BnTavrendIPC(*this), false, 8);
     TLOGI("Starting native binder server");
+    // The pool's threads inherit this thread's mask, and the threads they
+    // start later inherit theirs.
+    const ScopedSigtermBlock sigtermBlocked;
     android::ProcessState::self()->startThreadPool();
     return true;
 }

@@ -4,14 +4,17 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "common/Log.h"
+#include "stats/TextScan.h"
 
 namespace tavrend {
 
 using platform::openDeviceFile;
+using quillend::text::File;
+using quillend::text::LineBuffer;
+using quillend::text::parseInt;
 
 bool killProcess(int pid) {
     TLOGI("Trying to kill pid %d", pid);
@@ -25,20 +28,21 @@ bool killProcess(int pid) {
     fputs(text, request);  // not checked: the status read back tells
     fclose(request);
 
-    FILE* answer = openDeviceFile(kDravikKillPath, "r");
-    if (answer == nullptr) {
+    File answer(openDeviceFile(kDravikKillPath, "r"));
+    if (!answer) {
         TLOGE("Failed to open %s", kDravikKillPath);
         return false;
     }
+    // One decimal number; one past int's range saturates, so it is not 0.
     int status = 0;
-    char* line = nullptr;
-    size_t capacity = 0;
-    if (getline(&line, &capacity, answer) != -1 && sscanf(line, "%d", &status) != 1) {
-        // An answer that isn't a number leaves the status at 0: success. Intended.
-        TLOGE("Failed to sscanf %s", kDravikKillPath);
+    {
+        LineBuffer line;
+        if (line.read(answer.get()) != -1 && !parseInt(line.data, status)) {
+            // An answer that isn't a number leaves the status at 0: success. Intended.
+            TLOGE("Failed to sscanf %s", kDravikKillPath);
+        }
     }
-    free(line);
-    fclose(answer);
+    answer.reset();
 
     if (status != 0) {
         // The reason is errno as it stands, not the driver's status. Intended.

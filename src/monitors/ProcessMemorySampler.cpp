@@ -7,6 +7,7 @@
 
 #include "common/DevicePaths.h"
 #include "common/Log.h"
+#include "common/NoDestroy.h"
 #include "platform/time_seam.h"
 #include "stats/StatUtil.h"
 
@@ -32,8 +33,7 @@ bool ProcessMemorySampler::init() {
     TLOGI("Initializing Process Memory Sampler");
     // Looked up once per process, on the first call, and kept to the end, like
     // every static of the daemon (nothing is destroyed at exit).
-    static const android::sp<IMemtrack>* const memtrack =
-        new android::sp<IMemtrack>(IMemtrack::getService("default"));
+    static const NoDestroy<const android::sp<IMemtrack>> memtrack(IMemtrack::getService("default"));
     memtrackAvailable = *memtrack != nullptr;
     if (!memtrackAvailable) TLOGE("failed to load memtrack module");
     return true;

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "common/Log.h"
+#include "common/NoDestroy.h"
 #include "config/Constants.h"
 #include "metrics/TavrenMetricConfig.h"
 #include "monitors/ProcessKiller.h"
@@ -20,7 +21,7 @@ using quillend::StatUtil;
 // queue count. Never destroyed, since a detached pass may still hold it while
 // the process exits.
 std::mutex& guardrailLock() {
-    static std::mutex* lock = new std::mutex;
+    static const NoDestroy<std::mutex> lock;
     return *lock;
 }
 

@@ -1,12 +1,17 @@
 #include "monitors/TavrendIPC.h"
 
+#include "common/NoDestroy.h"
 #include "monitors/DeviceUplMonitor.h"
 
 namespace android {
 
+namespace {
 // Never destroyed, on purpose: a pool thread may still check a request's token
 // while the process runs its exit handlers, after the daemon's last clean-up.
-const String16& ITavrendIPC::descriptor = *new String16(kTavrendIpcDescriptor);
+const tavrend::NoDestroy<const String16> gDescriptor(kTavrendIpcDescriptor);
+}  // namespace
+
+const String16& ITavrendIPC::descriptor = *gDescriptor;
 
 const String16& ITavrendIPC::getInterfaceDescriptor() const { return descriptor; }
 

@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "common/Log.h"
+#include "common/NoDestroy.h"
 #include "config/Constants.h"
 #include "metrics/TavrenMetricConfig.h"
 #include "platform/time_seam.h"
@@ -14,7 +15,7 @@ namespace tavrend {
 namespace {
 
 // Serialises reads of the user-activity property from the loop and the detector thread.
-std::mutex idleStatusMutex;
+const NoDestroy<std::mutex> idleStatusMutex;
 
 constexpr const char* kPowerCtlProperty = "sys.powerctl";
 
@@ -34,7 +35,7 @@ IdleDetector::IdleDetector(const ConfigVariables& cfg)
     : config(cfg), tag(LOG_TAG_TAVREND), metric(tag) {}
 
 bool IdleDetector::getDeviceIdleStatus() {
-    std::lock_guard<std::mutex> lock(idleStatusMutex);
+    std::lock_guard<std::mutex> lock(*idleStatusMutex);
     // An absent property means somebody may be using the device: not idle.
     deviceIdle = !property_get_bool(USER_ACTIVITY_PROPERTY, true);
     return deviceIdle;

@@ -5,8 +5,8 @@
 #include <memtrack/memtrack.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
-#include <bit>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -17,6 +17,7 @@
 #include <string_view>
 
 #include "common/DevicePaths.h"
+#include "common/NoDestroy.h"
 #include "platform/device_root.h"
 #include "platform/time_seam.h"
 #include "stats/TextScan.h"
@@ -48,7 +49,7 @@ constexpr unsigned kDriverRetrySleepSec = 1;
 
 // The driver's file carries one request and one answer at a time: a caller
 // holds this from before its write until after it has read the answer.
-std::mutex gPssLock;
+const tavrend::NoDestroy<std::mutex> gPssLock;
 
 uint64_t saturatingAdd(uint64_t a, uint64_t b) { return a > UINT64_MAX - b ? UINT64_MAX : a + b; }
 
@@ -153,7 +154,7 @@ const MeminfoKey* scanMeminfoLine(const char* line, uint64_t& value) {
     line = skipSpace(line);
     for (uint32_t candidates = kMeminfoKeysByFirst[static_cast<unsigned char>(line[0])];
          candidates != 0; candidates &= candidates - 1) {
-        const MeminfoKey& k = kMeminfoKeys[std::countr_zero(candidates)];
+        const MeminfoKey& k = kMeminfoKeys[__builtin_ctz(candidates)];
         // The word is the key when the line starts with it and the word ends there.
         size_t n = 1;  // the first characters are equal
         while (n < k.key.size() && line[n] == k.key[n]) ++n;
@@ -196,7 +197,7 @@ bool scanMinfree(const char* line, uint64_t (&pages)[6]) {
 }  // namespace
 
 std::string removeSpaces(std::string s) {
-    std::erase(s, ' ');
+    s.erase(std::remove(s.begin(), s.end(), ' '), s.end());
     return s;
 }
 
@@ -388,7 +389,7 @@ bool StatUtil::getProcessRss(int pid, ProcessRssInfoKb& info) {
 
 bool StatUtil::getProcessPssDravik(int pid, uint64_t& pssKb) {
     pssKb = 0;
-    std::lock_guard<std::mutex> lock(gPssLock);
+    std::lock_guard<std::mutex> lock(*gPssLock);
 
     char request[16];
     snprintf(request, sizeof(request), "%d", pid);

@@ -6,8 +6,8 @@
 
 #include <sys/types.h>
 
-#include <bit>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -140,15 +140,16 @@ inline const char* skipSpace(const char* p) {
 // The blanks at the start of the text [p, end), eight at a time: the
 // indentation of /proc/zoneinfo is most of the file.
 inline const char* skipBlanks(const char* p, const char* end) {
-    if constexpr (std::endian::native == std::endian::little) {
-        constexpr uint64_t kBlanks = 0x2020202020202020;
-        while (end - p >= 8) {
-            uint64_t word;
-            memcpy(&word, p, sizeof(word));
-            if (const uint64_t diff = word ^ kBlanks) return p + std::countr_zero(diff) / 8;
-            p += 8;
-        }
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    constexpr uint64_t kBlanks = 0x2020202020202020;
+    while (end - p >= 8) {
+        uint64_t word;
+        memcpy(&word, p, sizeof(word));
+        // The first byte that is not a blank is the lowest one set in diff.
+        if (const uint64_t diff = word ^ kBlanks) return p + __builtin_ctzll(diff) / 8;
+        p += 8;
     }
+#endif
     while (p < end && *p == ' ') ++p;
     return p;
 }
@@ -182,6 +183,25 @@ inline bool scanU64(const char*& p, uint64_t& value) {
 inline bool parseU64(const char* text, uint64_t& value) {
     const char* p = text;
     return scanU64(p, value);
+}
+
+// scanf's "%d" on a whole text: leading white space, an optional sign, decimal
+// digits. A number past int's range saturates to INT_MIN or INT_MAX, as
+// strtol() does with long, instead of scanf's undefined behaviour.
+inline bool parseInt(const char* text, int& value) {
+    const char* p = skipSpace(text);
+    const bool negative = *p == '-';
+    if (*p == '-' || *p == '+') ++p;
+    uint64_t magnitude = 0;
+    if (!isDigit(*p) || !scanU64(p, magnitude)) return false;
+    const uint64_t limit = negative ? uint64_t{INT_MAX} + 1 : uint64_t{INT_MAX};
+    if (magnitude > limit) {
+        value = negative ? INT_MIN : INT_MAX;
+    } else {
+        value = negative ? static_cast<int>(-static_cast<int64_t>(magnitude))
+                         : static_cast<int>(magnitude);
+    }
+    return true;
 }
 
 }  // namespace quillend::text

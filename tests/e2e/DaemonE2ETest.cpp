@@ -99,6 +99,10 @@ TEST(DaemonE2E, SigtermUnderAOneWayFloodWithASlowExit) {
         });
     }
     EXPECT_TRUE(waitUntil([&] { return sent >= 300; }, 20s));
+    // SIGTERM is read from the loop's descriptor alone: no thread takes it.
+    const auto threads = threadsBlocking(run.process().pid(), SIGTERM);
+    EXPECT_GE(threads.size(), 5u);  // the main thread and the binder pool's
+    for (const auto& [thread, blocks] : threads) EXPECT_TRUE(blocks) << thread;
     run.process().signal(SIGTERM);
     const auto ended = run.process().wait(20s);
     run.process().signal(SIGKILL);  // hung in its exit (a report may deadlock): free the clients

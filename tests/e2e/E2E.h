@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -57,6 +58,23 @@ inline CtlResult ctl(const DeviceRoot& root, const std::vector<std::string>& arg
     CtlResult r{status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1, readText(out)};
     std::remove(out.c_str());
     return r;
+}
+
+// Each thread of process `pid` ("<tid> <name>") and whether it blocks `signal`,
+// from its SigBlk line in /proc/<pid>/task/<tid>/status.
+inline std::map<std::string, bool> threadsBlocking(int pid, int signal) {
+    std::map<std::string, bool> out;
+    std::error_code ec;
+    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    for (const auto& task : std::filesystem::directory_iterator(tasks, ec)) {
+        const std::string status = readText(task.path().string() + "/status");
+        const size_t blocked = status.find("\nSigBlk:");
+        if (blocked == std::string::npos) continue;                        // the thread has ended
+        const std::string name = status.substr(6, status.find('\n') - 6);  // after "Name:\t"
+        const uint64_t mask = std::stoull(status.substr(blocked + 8), nullptr, 16);
+        out[task.path().filename().string() + " " + name] = (mask >> (signal - 1)) & 1;
+    }
+    return out;
 }
 
 class DaemonRun {

@@ -24,6 +24,7 @@ TEST(GuardrailE2E, HardKillOfARealProcessThenSigterm) {
     root.setDaemonConfig(R"({
       "system_mem": {"memory_read_interval_sec": 1000, "lmk_target_kills": 100},
       "proc_scan": {"proc_scan_interval_sec": 1000},
+      "device_upl": {"dupl_monitoring_enabled": true},
       "process_guardrail": {"process_guardrail_monitoring_enabled": true,
                             "guardrail_check_interval_sec": 1, "pss_sleep_interval_sec": 0}})");
     root.writeFile("/system/etc/tavrend/tavrend_memory_guardrail.json",
@@ -40,8 +41,12 @@ TEST(GuardrailE2E, HardKillOfARealProcessThenSigterm) {
     const auto killed = hog.wait(10s);
     EXPECT_TRUE(killed && WIFSIGNALED(*killed) && WTERMSIG(*killed) == SIGKILL);
 
-    // The idle thread, started early for the guardrail, still runs when main
-    // ends: the runtime's termination handler ends the process.
+    // No thread takes SIGTERM (the idle thread, the binder pool's): the loop
+    // reads it. The idle thread, started early for the guardrail, still runs
+    // when main ends: the runtime's termination handler ends the process.
+    const auto threads = threadsBlocking(run.process().pid(), SIGTERM);
+    EXPECT_GE(threads.size(), 6u);  // with the idle thread and the binder pool's
+    for (const auto& [thread, blocks] : threads) EXPECT_TRUE(blocks) << thread;
     run.process().signal(SIGTERM);
     const auto status = run.process().wait(15s);
     ASSERT_TRUE(status.has_value());

@@ -17,7 +17,8 @@
 // finds no room in the socket waits on its connection (armed for
 // EPOLLOUT) instead of holding a thread. A small fixed pool (4 threads unless
 // set otherwise) thus serves any number of connections; only a slow
-// onTransact holds a thread. Pool threads run with every signal blocked.
+// onTransact holds a thread. Pool threads inherit the signal mask of the
+// thread that starts the pool.
 //
 // Each connection costs a descriptor, which a device's binder does not: at most
 // kBinderMaxConnections are open at once, across every service. One beyond
@@ -35,7 +36,6 @@
 #include <fcntl.h>
 #include <log/log.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -381,11 +381,9 @@ status_t Host::addService(const std::string& name, const sp<IBinder>& binder) {
 void Host::startPool() {
     std::lock_guard<std::mutex> lock(mutex_);
     if (started_ || !ensureEpollLocked()) return;
-    // Threads inherit the creator's mask: block everything around their
-    // creation so no signal meant for the process lands on a pool thread.
-    sigset_t all, old;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &old);
+    // The threads inherit the caller's signal mask and nothing else is done to
+    // it, as on a device: a caller that wants a signal kept off the pool
+    // blocks it around this call.
     for (size_t i = 0; i < threadCount_; ++i) {
         try {
             threads_.emplace_back([this, ep = epfd_] { workerLoop(ep); });
@@ -394,7 +392,6 @@ void Host::startPool() {
             break;
         }
     }
-    pthread_sigmask(SIG_SETMASK, &old, nullptr);
     started_ = !threads_.empty();
 }
 

@@ -87,6 +87,7 @@ private:
     T* ptr_ = nullptr;
 };
 
+// Equality with another sp, a raw pointer or nullptr, either way round.
 template <typename T, typename U>
 bool operator==(const sp<T>& a, const sp<U>& b) {
     return a.get() == b.get();
@@ -95,9 +96,37 @@ template <typename T, typename U>
 bool operator==(const sp<T>& a, const U* b) {
     return a.get() == b;
 }
+template <typename T, typename U>
+bool operator==(const T* a, const sp<U>& b) {
+    return a == b.get();
+}
 template <typename T>
 bool operator==(const sp<T>& a, std::nullptr_t) {
     return a.get() == nullptr;
+}
+template <typename T>
+bool operator==(std::nullptr_t, const sp<T>& b) {
+    return b.get() == nullptr;
+}
+template <typename T, typename U>
+bool operator!=(const sp<T>& a, const sp<U>& b) {
+    return !(a == b);
+}
+template <typename T, typename U>
+bool operator!=(const sp<T>& a, const U* b) {
+    return !(a == b);
+}
+template <typename T, typename U>
+bool operator!=(const T* a, const sp<U>& b) {
+    return !(a == b);
+}
+template <typename T>
+bool operator!=(const sp<T>& a, std::nullptr_t) {
+    return a.get() != nullptr;
+}
+template <typename T>
+bool operator!=(std::nullptr_t, const sp<T>& b) {
+    return b.get() != nullptr;
 }
 template <typename T, typename U>
 bool operator<(const sp<T>& a, const sp<U>& b) {
