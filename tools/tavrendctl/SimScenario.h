@@ -103,6 +103,11 @@ private:
     bool userActive_;
 };
 
+// Whether `fields` names `key`.
+bool has(const std::vector<std::string>& fields, const char* key);
+// A new process's figures where the scenario leaves them out.
+void completeNewProcess(Process& p, const std::vector<std::string>& fields);
+
 // Files of the device root, shared by the writer and the changes.
 std::string meminfoText(const Figures& f);
 std::string lmkStatsText(const Figures& f);
