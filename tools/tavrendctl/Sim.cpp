@@ -1,4 +1,4 @@
-// tavrendctl sim SCENARIO [--scale N]: plays a scenario on a simulated device
+// tavrendctl sim SCENARIO [--scale N] [--json]: plays a scenario on a simulated device
 // (a temporary device root served by dravikfs) with the built daemon, then
 // compares what happened with the scenario's expected outcome.
 #include <signal.h>
@@ -43,10 +43,13 @@ namespace {
 
 void onInterrupt(int) { gInterrupted = 1; }
 
-int usage() {
+// The usage text: on standard output for --help (exit 0), else on standard
+// error (exit 2).
+int usage(FILE* out = stderr) {
     fprintf(
-        stderr,
-        "usage: tavrendctl sim SCENARIO [--scale N]\n"
+        out,
+        "usage: tavrendctl sim SCENARIO [--scale N] [--json]\n"
+        "       tavrendctl sim --clean\n"
         "\n"
         "Plays SCENARIO, a JSON file, on a simulated device: builds a temporary device\n"
         "root from it, mounts dravikfs on it, starts tavrend (both found beside this\n"
@@ -55,7 +58,7 @@ int usage() {
         "compares the outcome with the scenario's \"expect\". The logs are kept.\n"
         "\n"
         "Scenario (times in simulated seconds from the daemon's start):\n"
-        "  {\"description\": TEXT, \"scale\": N, \"end_sec\": S,\n"
+        "  {\"description\": TEXT, \"scale\": N, \"end_sec\": S, \"boot_uptime_sec\": S,\n"
         "   \"config\": {...merged over the defaults}, \"metric_config\": {...},\n"
         "   \"guardrails\": [{\"name\", \"soft_memory_limit\", \"hard_memory_limit\"}],\n"
         "   \"device\": {\"meminfo\": {NAME: kB}, \"lmk_stats\": {CLASS: N},\n"
@@ -66,6 +69,8 @@ int usage() {
         "                 ONE OF \"lmk_stats\": {...} | \"meminfo\": {...} |\n"
         "                 \"process\": {...} | \"exit\": PID | \"user_active\": BOOL |\n"
         "                 \"upl\": [MS, ...] | \"sigterm\": true}],\n"
+        "   a figure of lmk_stats, meminfo or a process in the timeline is a number,\n"
+        "   or {\"add\": N} to change it by N (never below 0),\n"
         "   \"expect\": {\"condition\": \"none\"|\"memory\"|\"latency\",\n"
         "              \"detected_between\": [S, S], \"reboot\": BOOL,\n"
         "              \"reboot_between\": [S, S], \"killed\": {NAME: \"hard\"|\"idle\"},\n"
@@ -75,14 +80,21 @@ int usage() {
         "              \"ends\": \"reboot\"|\"sigterm\"|\"exit N\"|\"signal NAME\"|\"timeout\"}}\n"
         "\n"
         "--scale N overrides the scenario's scale (default 1): N simulated seconds per\n"
-        "real second.\n"
+        "real second. The device boots with the run: its uptime starts at boot_uptime_sec\n"
+        "(default 0). --json prints the summary and the verdict as one JSON object.\n"
+        "--clean removes the $TMPDIR/tavrend-sim-* folders of runs whose daemon is gone.\n"
+        "\n"
+        "The scenario's config and guardrails are checked with check-config's rules\n"
+        "first: a key or section the daemon does not know makes it a bad scenario, and\n"
+        "other warnings are printed above the run.\n"
         "\n"
         "Exit status: 0 when the outcome matches \"expect\" (or there is none), 1 when it\n"
         "differs (each difference is printed), 2 for a bad scenario file or a failure\n"
         "to set up or run the device (no FUSE, missing binaries, interrupted).\n"
-        "Errors and the live status line go to standard error, the summary to\n"
-        "standard output.\n");
-    return 2;
+        "Errors and the live status line (with the counts that decide a condition:\n"
+        "LMK kills against lmk_target_kills, bad latency samples against their\n"
+        "threshold) go to standard error, the summary to standard output.\n");
+    return out == stderr ? 2 : 0;
 }
 
 bool parseScale(const char* text, double& out) {
@@ -96,41 +108,44 @@ bool parseScale(const char* text, double& out) {
     return true;
 }
 
-}  // namespace
-}  // namespace tavrendctl::sim
-
-int simCommand(int argc, char** argv) {
-    using namespace tavrendctl::sim;
+struct SimArgs {
     const char* path = nullptr;
     std::optional<double> scale;
+    bool json = false;
+    bool clean = false;
+};
+
+// The arguments, or an exit status when there is nothing to play.
+std::optional<int> parseArgs(int argc, char** argv, SimArgs& a) {
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
-        if (arg == "--help" || arg == "-h") {
-            usage();
-            return 0;
-        }
+        if (arg == "--help" || arg == "-h") return usage(stdout);
         if (arg == "--scale") {
             double v = 0;
             if (i + 1 >= argc || !parseScale(argv[i + 1], v)) {
                 fprintf(stderr, "tavrendctl: --scale needs a number from 0.001 to 100000\n");
                 return usage();
             }
-            scale = v;
+            a.scale = v;
             ++i;
-        } else if (path == nullptr && !arg.empty() && arg[0] != '-') {
-            path = argv[i];
+        } else if (arg == "--json" || arg == "--clean") {
+            (arg == "--json" ? a.json : a.clean) = true;
+        } else if (a.path == nullptr && !arg.empty() && arg[0] != '-') {
+            a.path = argv[i];
         } else {
             fprintf(stderr, "tavrendctl: unexpected argument '%s'\n", argv[i]);
             return usage();
         }
     }
-    if (path == nullptr) return usage();
-    Scenario s;
-    std::string error;
-    if (!loadScenario(path, s, error)) {
-        fprintf(stderr, "tavrendctl: bad scenario: %s\n", error.c_str());
-        return 2;
+    if (a.clean && (a.path != nullptr || a.scale || a.json)) {
+        fprintf(stderr, "tavrendctl: --clean takes nothing else\n");
+        return usage();
     }
+    if (a.path == nullptr && !a.clean) return usage();
+    return std::nullopt;
+}
+
+void handleSignals() {
     struct sigaction sa = {};
     sa.sa_handler = onInterrupt;
     sigemptyset(&sa.sa_mask);
@@ -140,5 +155,22 @@ int simCommand(int argc, char** argv) {
     struct sigaction ignore = {};
     ignore.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &ignore, nullptr);
-    return play(path, s, scale.value_or(s.scale.value_or(1.0)));
+}
+
+}  // namespace
+}  // namespace tavrendctl::sim
+
+int simCommand(int argc, char** argv) {
+    using namespace tavrendctl::sim;
+    SimArgs a;
+    if (const auto status = parseArgs(argc, argv, a)) return *status;
+    if (a.clean) return cleanOldRuns();
+    Scenario s;
+    std::string error;
+    if (!loadScenario(a.path, s, error)) {
+        fprintf(stderr, "tavrendctl: bad scenario: %s\n", error.c_str());
+        return 2;
+    }
+    handleSignals();
+    return play(a.path, s, a.scale.value_or(s.scale.value_or(1.0)), a.json);
 }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -71,7 +72,47 @@ std::string memtrackText(const Process& p) {
     return std::to_string(p.graphicsKb * 1024) + " 0 0\n";
 }
 
+// Sets the figures an event sets, then changes those it adds to; a name not
+// there yet is appended (from 0 for an amount).
+void changeFigures(Figures& f, const Event& e) {
+    auto figure = [&](const std::string& name) -> uint64_t& {
+        auto it = std::find_if(f.begin(), f.end(), [&](const auto& x) { return x.first == name; });
+        if (it != f.end()) return it->second;
+        return f.emplace_back(name, 0).second;
+    };
+    for (const auto& [name, v] : e.figures) figure(name) = v;
+    for (const auto& [name, by] : e.adds) figure(name) = added(figure(name), by);
+}
+
+// The fields an event gives for a running process.
+void changeProcess(Process& p, const Process& q, const std::vector<std::string>& fields) {
+    if (has(fields, "name")) {
+        // Another program on the same id: a fresh command line too.
+        if (q.name != p.name && !has(fields, "cmdline")) p.cmdline = q.name;
+        p.name = q.name;
+    }
+    if (has(fields, "cmdline")) p.cmdline = q.cmdline;
+    if (has(fields, "rss_kb")) p.rssKb = q.rssKb;
+    if (has(fields, "swap_kb")) p.swapKb = q.swapKb;
+    if (has(fields, "pss_kb")) p.pssKb = q.pssKb;
+    if (has(fields, "graphics_kb")) p.graphicsKb = q.graphicsKb;
+}
+
 }  // namespace
+
+uint64_t* processFigure(Process& p, const std::string& key) {
+    if (key == "rss_kb") return &p.rssKb;
+    if (key == "swap_kb") return &p.swapKb;
+    if (key == "pss_kb") return &p.pssKb;
+    if (key == "graphics_kb") return &p.graphicsKb;
+    return nullptr;
+}
+
+uint64_t added(uint64_t v, int64_t by) {
+    const uint64_t amount = by < 0 ? 0 - static_cast<uint64_t>(by) : static_cast<uint64_t>(by);
+    if (by < 0) return amount >= v ? 0 : v - amount;
+    return amount > UINT64_MAX - v ? UINT64_MAX : v + amount;
+}
 
 bool has(const std::vector<std::string>& fields, const char* key) {
     return std::find(fields.begin(), fields.end(), key) != fields.end();
@@ -197,24 +238,13 @@ bool DeviceState::writeProcess(const Process& p, std::string& error) {
 bool DeviceState::apply(const Event& e, std::string& error) {
     switch (e.kind) {
         case Event::Kind::Lmk:
-        case Event::Kind::Meminfo: {
-            Figures& f = e.kind == Event::Kind::Lmk ? lmkStats_ : meminfo_;
-            for (const auto& [name, v] : e.figures) {
-                auto it = std::find_if(f.begin(), f.end(),
-                                       [&, &n = name](const auto& x) { return x.first == n; });
-                if (it == f.end()) {
-                    f.emplace_back(name, v);
-                } else {
-                    it->second = v;
-                }
-            }
-            return e.kind == Event::Kind::Lmk
-                       ? writeFileAtomic(root_, "/proc/lmk_stats", lmkStatsText(f), error)
-                       : writeFileAtomic(root_, "/proc/meminfo", meminfoText(f), error);
-        }
+            changeFigures(lmkStats_, e);
+            return writeFileAtomic(root_, "/proc/lmk_stats", lmkStatsText(lmkStats_), error);
+        case Event::Kind::Meminfo:
+            changeFigures(meminfo_, e);
+            return writeFileAtomic(root_, "/proc/meminfo", meminfoText(meminfo_), error);
         case Event::Kind::Process: {
             auto it = processes_.find(e.process.pid);
-            const std::vector<std::string>& fields = e.processFields;
             std::error_code ec;
             if (it != processes_.end() &&
                 !fs::exists(root_ + "/proc/" + std::to_string(e.process.pid), ec)) {
@@ -223,24 +253,17 @@ bool DeviceState::apply(const Event& e, std::string& error) {
                 processes_.erase(it);
                 it = processes_.end();
             }
-            if (it == processes_.end() && !has(fields, "name")) return true;
+            if (it == processes_.end() && !has(e.processFields, "name")) return true;
             if (it == processes_.end()) {
                 Process p = e.process;
-                completeNewProcess(p, fields);
+                completeNewProcess(p, e.processFields);
                 it = processes_.emplace(p.pid, p).first;
             } else {
-                Process& p = it->second;
-                const Process& q = e.process;
-                if (has(fields, "name")) {
-                    // Another program on the same id: a fresh command line too.
-                    if (q.name != p.name && !has(fields, "cmdline")) p.cmdline = q.name;
-                    p.name = q.name;
-                }
-                if (has(fields, "cmdline")) p.cmdline = q.cmdline;
-                if (has(fields, "rss_kb")) p.rssKb = q.rssKb;
-                if (has(fields, "swap_kb")) p.swapKb = q.swapKb;
-                if (has(fields, "pss_kb")) p.pssKb = q.pssKb;
-                if (has(fields, "graphics_kb")) p.graphicsKb = q.graphicsKb;
+                changeProcess(it->second, e.process, e.processFields);
+            }
+            for (const auto& [key, by] : e.adds) {
+                uint64_t* figure = processFigure(it->second, key);
+                if (figure != nullptr) *figure = added(*figure, by);
             }
             return writeProcess(it->second, error);
         }

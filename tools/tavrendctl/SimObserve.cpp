@@ -195,9 +195,14 @@ void StatusLine::update(double t, const Outcome& o, bool userActive, bool force)
     lastSim_ = t;
     char tick[32] = "";
     if (o.tick >= 0) snprintf(tick, sizeof(tick), "  tick %ld", o.tick);
-    fprintf(stderr, "%s[sim] t=%7.0fs%s  condition %-7s  %s  pending kills %d%s%s",
+    // The counts that decide a condition, against their limits ("-": not logged yet).
+    auto count = [](const std::optional<long>& n) { return n ? std::to_string(*n) : "-"; };
+    fprintf(stderr,
+            "%s[sim] t=%7.0fs%s  condition %-7s  %s  pending kills %d  LMK kills %s/%ld  bad "
+            "samples %s/%ld%s%s",
             tty_ ? "\r" : "", t, tick, o.condition.c_str(), userActive ? "busy" : "idle", o.pending,
-            rebooted(o) ? "  rebooting" : "", tty_ ? "\033[K" : "\n");
+            count(o.lmkKills).c_str(), s_.lmkTargetKills, count(o.badSamples).c_str(),
+            s_.uplBadSampleThreshold, rebooted(o) ? "  rebooting" : "", tty_ ? "\033[K" : "\n");
     fflush(stderr);
     shown_ = true;
 }

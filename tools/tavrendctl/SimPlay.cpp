@@ -228,14 +228,25 @@ void writeDaemonFigures(const std::string& logs, const Outcome& o) {
 
 }  // namespace
 
-int play(const std::string& path, const Scenario& s, double scale) {
+int play(const std::string& path, const Scenario& s, double scale, bool json) {
     Run run;
     if (const auto status = setUp(path, s, scale, run)) return *status;
     const Outcome o = Player(s, scale, run).play();
     run.cleanup();
     writeDaemonFigures(run.logs, o);
     // The root is gone; what is left of the run is its logs.
-    printSummary({path, s, scale, run.logs}, o);
+    const RunInfo info{path, s, scale, run.logs};
+    const bool played = !gInterrupted && o.runErrors.empty();
+    const auto diffs = played && s.expect.any() ? compare(s, o) : std::vector<std::string>{};
+    const char* verdict = !played           ? "not judged"
+                          : !s.expect.any() ? "none stated"
+                          : diffs.empty()   ? "matches"
+                                            : "differs";
+    if (json) {
+        printJsonSummary(info, o, verdict, diffs);
+    } else {
+        printSummary(info, o);
+    }
     if (gInterrupted) {
         fprintf(stderr, "tavrendctl: interrupted\n");
         return 2;
@@ -244,18 +255,11 @@ int play(const std::string& path, const Scenario& s, double scale) {
         fprintf(stderr, "tavrendctl: the timeline could not be played in full\n");
         return 2;
     }
-    if (!s.expect.any()) {
-        printf("expected outcome: none stated\n");
-        return 0;
+    if (!json) {
+        printf("expected outcome: %s\n", diffs.empty() ? verdict : "DIFFERS");
+        for (const auto& d : diffs) printf("  %s\n", d.c_str());
     }
-    const auto diffs = compare(s, o);
-    if (diffs.empty()) {
-        printf("expected outcome: matches\n");
-        return 0;
-    }
-    printf("expected outcome: DIFFERS\n");
-    for (const auto& d : diffs) printf("  %s\n", d.c_str());
-    return 1;
+    return diffs.empty() ? 0 : 1;
 }
 
 }  // namespace tavrendctl::sim

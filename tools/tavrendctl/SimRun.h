@@ -3,7 +3,7 @@
 //   SimPlay.cpp     the timeline played against the clock, latency clients
 //   SimObserve.cpp  what the daemon did, read from its logs; the status line
 //   SimJudge.cpp    the outcome against the scenario's "expect"
-//   SimSummary.cpp  the summary
+//   SimSummary.cpp  the summary, as text or JSON
 #pragma once
 
 #include <signal.h>
@@ -63,6 +63,10 @@ struct Run {
 // Builds the device root, mounts dravikfs and starts the daemon. An exit
 // status (2) when that fails, after an error line; the run is cleaned up.
 std::optional<int> setUp(const std::string& path, const Scenario& s, double scale, Run& run);
+
+// Removes the $TMPDIR/tavrend-sim-* folders of runs whose daemon is gone;
+// the exit status of `sim --clean`.
+int cleanOldRuns();
 
 // ---- observe ----------------------------------------------------------------
 
@@ -184,7 +188,7 @@ private:
 // ---- play -------------------------------------------------------------------
 
 // Plays `s` on a fresh device and judges it; the exit status of `sim`.
-int play(const std::string& path, const Scenario& s, double scale);
+int play(const std::string& path, const Scenario& s, double scale, bool json);
 
 // ---- judge ------------------------------------------------------------------
 
@@ -216,5 +220,9 @@ struct RunInfo {
 };
 
 void printSummary(const RunInfo& run, const Outcome& o);
+// The summary, the verdict ("matches", "differs", "none stated", "not judged") and the
+// differences as one JSON object.
+void printJsonSummary(const RunInfo& run, const Outcome& o, const std::string& verdict,
+                      const std::vector<std::string>& diffs);
 
 }  // namespace tavrendctl::sim

@@ -197,10 +197,30 @@ bool pair(const cJSON* item, const std::string& what, std::pair<double, double>&
     return true;
 }
 
+enum class Change { kSet, kAdd, kBad };
+
+// One figure: a number sets it; {"add": N}, where `adds` is given (in the
+// timeline), changes it by N.
+Change figureChange(const cJSON* item, const std::string& at, const std::string& name,
+                    uint64_t& set, Adds* adds, std::string& error) {
+    if (adds == nullptr || !cJSON_IsObject(item)) {
+        return kb(item, at, set, error) ? Change::kSet : Change::kBad;
+    }
+    double by = 0;
+    if (!onlyKeys(item, at, {"add"}, error) ||
+        !number(cJSON_GetObjectItemCaseSensitive(item, "add"), at + ".add", -kMaxKb, kMaxKb, true,
+                by, error)) {
+        return Change::kBad;
+    }
+    (*adds)[name] = static_cast<int64_t>(by);
+    return Change::kAdd;
+}
+
 // Sets figures of `into` from the object `item`; new names are appended, or
-// refused when `allowed` lists the only names.
+// refused when `allowed` lists the only names. Changes by an amount go to
+// `adds` when given.
 bool figures(const cJSON* item, const std::string& what, const std::vector<std::string>* allowed,
-             Figures& into, std::string& error) {
+             Figures& into, Adds* adds, std::string& error) {
     if (!cJSON_IsObject(item)) {
         error = what + " must be an object of numbers";
         return false;
@@ -225,7 +245,9 @@ bool figures(const cJSON* item, const std::string& what, const std::vector<std::
         std::string at = what;
         at += '.';
         at += name;
-        if (!kb(child, at, v, error)) return false;
+        const Change change = figureChange(child, at, name, v, adds, error);
+        if (change == Change::kBad) return false;
+        if (change == Change::kAdd) continue;
         auto it =
             std::find_if(into.begin(), into.end(), [&](const auto& f) { return f.first == name; });
         if (it == into.end()) {
@@ -241,7 +263,7 @@ std::vector<std::string> lmkLabels() { return {std::begin(kLmkLabels), std::end(
 
 // A process object: `fields` gets the names of the keys given.
 bool process(const cJSON* item, const std::string& what, Process& p,
-             std::vector<std::string>& fields, std::string& error) {
+             std::vector<std::string>& fields, Adds* adds, std::string& error) {
     if (!onlyKeys(item, what,
                   {"pid", "name", "cmdline", "rss_kb", "swap_kb", "pss_kb", "graphics_kb"},
                   error)) {
@@ -259,8 +281,10 @@ bool process(const cJSON* item, const std::string& what, Process& p,
         std::string at = what;
         at += '.';
         at += key;
-        fields.push_back(key);
-        if (key == "pid") continue;
+        if (key == "pid") {
+            fields.push_back(key);
+            continue;
+        }
         if (key == "name" || key == "cmdline") {
             if (!cJSON_IsString(child)) {
                 error = at + " must be a string";
@@ -276,13 +300,12 @@ bool process(const cJSON* item, const std::string& what, Process& p,
                 return false;
             }
             (key == "name" ? p.name : p.cmdline) = text;
+            fields.push_back(key);
             continue;
         }
-        uint64_t* target = key == "rss_kb"    ? &p.rssKb
-                           : key == "swap_kb" ? &p.swapKb
-                           : key == "pss_kb"  ? &p.pssKb
-                                              : &p.graphicsKb;
-        if (!kb(child, at, *target, error)) return false;
+        const Change change = figureChange(child, at, key, *processFigure(p, key), adds, error);
+        if (change == Change::kBad) return false;
+        if (change == Change::kSet) fields.push_back(key);
     }
     return true;
 }
@@ -304,6 +327,16 @@ void merge(cJSON* base, const cJSON* patch) {
             cJSON_AddItemToObject(base, child->string, copy);
         }
     }
+}
+
+// A whole-number setting of the merged configuration, 0 when it is not one.
+long setting(const cJSON* config, const char* section, const char* key) {
+    const cJSON* v =
+        cJSON_GetObjectItemCaseSensitive(cJSON_GetObjectItemCaseSensitive(config, section), key);
+    if (!cJSON_IsNumber(v) || !std::isfinite(v->valuedouble) || std::fabs(v->valuedouble) > 1e12) {
+        return 0;
+    }
+    return static_cast<long>(v->valuedouble);
 }
 
 bool loadConfig(const cJSON* root, Scenario& s, std::string& error) {
@@ -335,6 +368,9 @@ bool loadConfig(const cJSON* root, Scenario& s, std::string& error) {
     if (cJSON_IsNumber(interval) && interval->valuedouble >= 1 && interval->valuedouble < 1e9) {
         s.memoryReadIntervalSec = static_cast<int>(interval->valuedouble);
     }
+    s.lmkTargetKills = setting(config.p, "system_mem", "lmk_target_kills");
+    s.uplBadSampleThreshold =
+        setting(config.p, "device_upl", "critical_upl_bad_sample_count_threshold");
 
     const cJSON* metric = cJSON_GetObjectItemCaseSensitive(root, "metric_config");
     if (metric != nullptr) {
@@ -366,12 +402,13 @@ bool loadDevice(const cJSON* device, Scenario& s, std::string& error) {
         return false;
     }
     const cJSON* item = cJSON_GetObjectItemCaseSensitive(device, "meminfo");
-    if (item != nullptr && !figures(item, "device.meminfo", nullptr, s.meminfo, error)) {
+    if (item != nullptr && !figures(item, "device.meminfo", nullptr, s.meminfo, nullptr, error)) {
         return false;
     }
     const std::vector<std::string> labels = lmkLabels();
     item = cJSON_GetObjectItemCaseSensitive(device, "lmk_stats");
-    if (item != nullptr && !figures(item, "device.lmk_stats", &labels, s.lmkStats, error)) {
+    if (item != nullptr &&
+        !figures(item, "device.lmk_stats", &labels, s.lmkStats, nullptr, error)) {
         return false;
     }
     item = cJSON_GetObjectItemCaseSensitive(device, "user_active");
@@ -388,7 +425,7 @@ bool loadDevice(const cJSON* device, Scenario& s, std::string& error) {
         const std::string what = "device.processes[" + std::to_string(i++) + "]";
         Process p;
         std::vector<std::string> fields;
-        if (!process(child, what, p, fields, error)) return false;
+        if (!process(child, what, p, fields, nullptr, error)) return false;
         if (p.name.empty()) {
             error = what + " needs a name";
             return false;
@@ -457,15 +494,15 @@ bool loadEvent(const cJSON* item, const std::string& what, double endSec, Event&
     if (key == "lmk_stats") {
         e.kind = Event::Kind::Lmk;
         const std::vector<std::string> labels = lmkLabels();
-        return figures(change, at, &labels, e.figures, error);
+        return figures(change, at, &labels, e.figures, &e.adds, error);
     }
     if (key == "meminfo") {
         e.kind = Event::Kind::Meminfo;
-        return figures(change, at, nullptr, e.figures, error);
+        return figures(change, at, nullptr, e.figures, &e.adds, error);
     }
     if (key == "process") {
         e.kind = Event::Kind::Process;
-        return process(change, at, e.process, e.processFields, error);
+        return process(change, at, e.process, e.processFields, &e.adds, error);
     }
     if (key == "exit") {
         e.kind = Event::Kind::Exit;
@@ -702,7 +739,7 @@ cJSON* readJson(const std::string& path, std::string& error) {
     return out;
 }
 
-// The scenario's own settings: description, scale, end, latency clients.
+// The scenario's own settings: description, scale, end, boot uptime, latency clients.
 bool loadSettings(const cJSON* root, Scenario& s, std::string& error) {
     const cJSON* item = cJSON_GetObjectItemCaseSensitive(root, "description");
     if (item != nullptr) {
@@ -724,6 +761,12 @@ bool loadSettings(const cJSON* root, Scenario& s, std::string& error) {
         return false;
     }
     if (!number(item, "end_sec", 1, kMaxSeconds, false, s.endSec, error)) return false;
+    item = cJSON_GetObjectItemCaseSensitive(root, "boot_uptime_sec");
+    if (item != nullptr) {
+        double uptime = 0;
+        if (!number(item, "boot_uptime_sec", 0, kMaxSeconds, true, uptime, error)) return false;
+        s.bootUptimeSec = static_cast<long>(uptime);
+    }
     item = cJSON_GetObjectItemCaseSensitive(root, "upl_clients");
     if (item != nullptr) {
         double clients = 0;
@@ -771,7 +814,7 @@ bool loadScenario(const std::string& path, Scenario& s, std::string& error) {
     if (root.p == nullptr) return false;
     return onlyKeys(root.p, "the scenario",
                     {"description", "scale", "end_sec", "config", "metric_config", "guardrails",
-                     "device", "upl_clients", "timeline", "expect"},
+                     "device", "upl_clients", "timeline", "expect", "boot_uptime_sec"},
                     error) &&
            loadSettings(root.p, s, error) && loadConfig(root.p, s, error) &&
            loadDevice(cJSON_GetObjectItemCaseSensitive(root.p, "device"), s, error) &&

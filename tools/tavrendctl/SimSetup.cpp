@@ -9,9 +9,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <thread>
 
 #include "SimRun.h"
@@ -65,6 +67,22 @@ bool waitForMount(Run& run) {
     return false;
 }
 
+// Where `sim --clean` finds whose a run folder is.
+void writePid(const std::string& path, pid_t pid) { std::ofstream(path) << pid << "\n"; }
+
+// Whether the process named in `pidFile` still runs `program`. A process that
+// can't be looked at counts as running.
+bool running(const std::string& pidFile, const std::string& program) {
+    std::ifstream in(pidFile);
+    long pid = 0;
+    if (!(in >> pid) || pid <= 0 || pid > INT_MAX) return false;
+    if (kill(static_cast<pid_t>(pid), 0) != 0 && errno != EPERM) return false;
+    std::error_code ec;
+    const std::string exe =
+        fs::read_symlink("/proc/" + std::to_string(pid) + "/exe", ec).filename().string();
+    return ec || exe == program || exe == program + " (deleted)";
+}
+
 // Makes the run's folders and writes the device root. An error line, or "".
 std::string makeRoot(const Scenario& s, Run& run) {
     std::error_code ec;
@@ -75,6 +93,7 @@ std::string makeRoot(const Scenario& s, Run& run) {
     run.base = tmpl;
     run.root = tmpl + "/root";
     run.logs = tmpl + "/logs";
+    writePid(run.base + "/runner.pid", getpid());
     fs::create_directories(run.logs, ec);
     std::string error;
     if (ec || !writeDeviceRoot(run.root, s, error)) {
@@ -220,14 +239,52 @@ std::optional<int> setUp(const std::string& path, const Scenario& s, double scal
     run.daemon = spawn(tavrend, {},
                        {{"TAVREND_ROOT", run.root},
                         {"TAVREND_LOG_DIR", run.logs},
-                        {"TAVREND_TIME_SCALE", scaleText}},
+                        {"TAVREND_TIME_SCALE", scaleText},
+                        {"TAVREND_BOOT_UPTIME_SEC", std::to_string(s.bootUptimeSec)}},
                        run.logs + "/daemon.out", true);
     if (run.daemon < 0) {
         fprintf(stderr, "tavrendctl: cannot start %s\n", tavrend.c_str());
         run.cleanup();
         return 2;
     }
+    writePid(run.base + "/daemon.pid", run.daemon);
     return std::nullopt;
+}
+
+int cleanOldRuns() {
+    std::error_code ec;
+    const fs::path tmp = fs::temp_directory_path(ec);
+    int removed = 0;
+    int kept = 0;
+    bool failed = false;
+    for (fs::directory_iterator it(tmp, ec), end; !ec && it != end; it.increment(ec)) {
+        const std::string dir = it->path().string();
+        if (!startsWith(it->path().filename().string(), "tavrend-sim-") || !it->is_directory(ec)) {
+            continue;
+        }
+        if (running(dir + "/daemon.pid", "tavrend") || running(dir + "/runner.pid", "tavrendctl") ||
+            mounted(dir + "/root/sys/kernel/dravik")) {
+            printf("kept %s: its run is still going\n", dir.c_str());
+            ++kept;
+            continue;
+        }
+        std::error_code rm;
+        fs::remove_all(dir, rm);
+        if (rm) {
+            fprintf(stderr, "tavrendctl: cannot remove %s: %s\n", dir.c_str(),
+                    rm.message().c_str());
+            failed = true;
+        } else {
+            printf("removed %s\n", dir.c_str());
+            ++removed;
+        }
+    }
+    if (ec) {
+        fprintf(stderr, "tavrendctl: cannot list %s: %s\n", tmp.c_str(), ec.message().c_str());
+        return 2;
+    }
+    printf("%d old run%s removed, %d kept\n", removed, removed == 1 ? "" : "s", kept);
+    return failed ? 1 : 0;
 }
 
 }  // namespace tavrendctl::sim

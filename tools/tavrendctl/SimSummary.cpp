@@ -1,6 +1,10 @@
-// tavrendctl sim, summary: what happened in a run, on standard output.
+// tavrendctl sim, summary: what happened in a run, on standard output, as
+// text or as one JSON object.
+#include <cjson/cJSON.h>
+
 #include <algorithm>
 #include <cstdio>
+#include <memory>
 
 #include "SimRun.h"
 
@@ -13,6 +17,10 @@ void printHeader(const RunInfo& run, const Outcome& o) {
            s.description.c_str());
     printf("scale %g (simulated seconds per real second), end %s, real run time %.1f s\n",
            run.scale, secs(s.endSec).c_str(), o.realSec);
+    printf(
+        "clocks: times below are simulated seconds since the daemon started; the device's "
+        "uptime (the daemon's Uptime and durationSec) is that plus boot_uptime_sec %ld\n",
+        s.bootUptimeSec);
     if (o.detectedAt) {
         printf("detected: %s condition at %s\n", o.condition.c_str(), secs(*o.detectedAt).c_str());
     } else {
@@ -24,6 +32,9 @@ void printHeader(const RunInfo& run, const Outcome& o) {
     } else {
         printf("crash report: none\n");
     }
+    printf("deciding counts: LMK kills %s of target %ld, bad latency samples %s of threshold %ld\n",
+           o.lmkKills ? std::to_string(*o.lmkKills).c_str() : "(not logged)", s.lmkTargetKills,
+           std::to_string(o.badSamples.value_or(0)).c_str(), s.uplBadSampleThreshold);
 }
 
 void printKills(const Outcome& o) {
@@ -105,7 +116,97 @@ void printEnding(const RunInfo& run, const Outcome& o) {
         run.logs.c_str());
 }
 
+void addTime(cJSON* obj, const char* key, const std::optional<double>& t) {
+    if (t) {
+        cJSON_AddNumberToObject(obj, key, *t);
+    } else {
+        cJSON_AddNullToObject(obj, key);
+    }
+}
+
+cJSON* killsJson(const Outcome& o) {
+    cJSON* kills = cJSON_CreateArray();
+    for (const Kill& k : o.kills) {
+        cJSON* kill = cJSON_CreateObject();
+        cJSON_AddNumberToObject(kill, "at", k.at);
+        cJSON_AddNumberToObject(kill, "pid", k.pid);
+        cJSON_AddStringToObject(kill, "victim", victim(k).c_str());
+        cJSON_AddStringToObject(kill, "guarded_name", k.name.c_str());
+        cJSON_AddStringToObject(kill, "kind", k.kind.c_str());
+        cJSON_AddItemToArray(kills, kill);
+    }
+    return kills;
+}
+
+cJSON* recordsJson(const Outcome& o) {
+    cJSON* records = cJSON_CreateArray();
+    for (const auto& [t, text] : o.metrics) {
+        cJSON* record = cJSON_CreateObject();
+        cJSON_AddNumberToObject(record, "at", t);
+        cJSON_AddStringToObject(record, "text", text.c_str());
+        cJSON_AddItemToArray(records, record);
+    }
+    return records;
+}
+
+cJSON* strings(const std::vector<std::string>& texts) {
+    cJSON* array = cJSON_CreateArray();
+    for (const auto& text : texts) cJSON_AddItemToArray(array, cJSON_CreateString(text.c_str()));
+    return array;
+}
+
+// The deciding counts and the latency samples.
+cJSON* countsJson(const RunInfo& run, const Outcome& o) {
+    cJSON* counts = cJSON_CreateObject();
+    if (o.lmkKills) {
+        cJSON_AddNumberToObject(counts, "lmk_kills", static_cast<double>(*o.lmkKills));
+    } else {
+        cJSON_AddNullToObject(counts, "lmk_kills");
+    }
+    cJSON_AddNumberToObject(counts, "lmk_target_kills", static_cast<double>(run.s.lmkTargetKills));
+    cJSON_AddNumberToObject(counts, "bad_samples", static_cast<double>(o.badSamples.value_or(0)));
+    cJSON_AddNumberToObject(counts, "bad_sample_threshold",
+                            static_cast<double>(run.s.uplBadSampleThreshold));
+    cJSON_AddNumberToObject(counts, "upl_sent", o.uplSent);
+    cJSON_AddItemToObject(counts, "upl_errors", strings(o.uplErrors));
+    cJSON_AddNumberToObject(counts, "upl_counted", static_cast<double>(o.uplCounted));
+    cJSON_AddNumberToObject(counts, "pending_kills", o.pending);
+    return counts;
+}
+
 }  // namespace
+
+void printJsonSummary(const RunInfo& run, const Outcome& o, const std::string& verdict,
+                      const std::vector<std::string>& diffs) {
+    const std::unique_ptr<cJSON, void (*)(cJSON*)> root(cJSON_CreateObject(), cJSON_Delete);
+    cJSON* r = root.get();
+    cJSON_AddStringToObject(r, "scenario", run.path.c_str());
+    cJSON_AddStringToObject(r, "description", run.s.description.c_str());
+    cJSON_AddNumberToObject(r, "scale", run.scale);
+    cJSON_AddStringToObject(r, "clock",
+                            "times are simulated seconds since the daemon started; the device's "
+                            "uptime is that plus boot_uptime_sec");
+    cJSON_AddNumberToObject(r, "boot_uptime_sec", static_cast<double>(run.s.bootUptimeSec));
+    cJSON_AddNumberToObject(r, "end_sec", run.s.endSec);
+    cJSON_AddNumberToObject(r, "real_sec", o.realSec);
+    cJSON_AddStringToObject(r, "condition", o.condition.c_str());
+    addTime(r, "detected_at", o.detectedAt);
+    cJSON_AddItemToObject(r, "counts", countsJson(run, o));
+    cJSON_AddItemToObject(r, "kills", killsJson(o));
+    cJSON_AddItemToObject(r, "metric_records", recordsJson(o));
+    addTime(r, "reboot_at", rebooted(o) ? o.rebootLogAt : std::nullopt);
+    addTime(r, "sigterm_at", o.sigtermAt);
+    cJSON_AddStringToObject(r, "ended", ending(o, run.s).c_str());
+    cJSON_AddStringToObject(r, "exit", howEnded(o).c_str());
+    cJSON_AddNumberToObject(r, "ended_at", o.endedAt);
+    cJSON_AddStringToObject(r, "logs", run.logs.c_str());
+    cJSON_AddItemToObject(r, "run_errors", strings(o.runErrors));
+    cJSON_AddStringToObject(r, "expected_outcome", verdict.c_str());
+    cJSON_AddItemToObject(r, "differences", strings(diffs));
+    char* text = cJSON_Print(r);
+    if (text != nullptr) printf("%s\n", text);
+    cJSON_free(text);
+}
 
 void printSummary(const RunInfo& run, const Outcome& o) {
     printHeader(run, o);
