@@ -11,3 +11,6 @@ int reportCommand(int argc, char** argv);
 
 // tavrendctl sim SCENARIO [--scale N]
 int simCommand(int argc, char** argv);
+
+// tavrendctl status [LOG...|-] [--follow] [--json]
+int statusCommand(int argc, char** argv);

@@ -43,7 +43,8 @@ int usage(FILE* out = stderr, int status = 2) {
             "       tavrendctl call SERVICE CODE [token TEXT] [i32 N] [i64 N] [s16 TEXT] [oneway]\n"
             "       tavrendctl check-config [ROOT]   (see tavrendctl check-config --help)\n"
             "       tavrendctl report LOGFILE [--trace OUT.json] [--svg DIR]\n"
-            "       tavrendctl sim SCENARIO [--scale N]\n"
+            "       tavrendctl sim SCENARIO [--scale N] [--json] | --clean\n"
+            "       tavrendctl status [LOG...|-] [--follow] [--json]\n"
             "       tavrendctl --help | --version\n"
             "       tavrendctl SUBCOMMAND --help\n"
             "\n"
@@ -344,6 +345,7 @@ int main(int argc, char** argv) {
     if (strcmp(cmd, "check-config") == 0) return checkConfigCommand(argc - 1, argv + 1);
     if (strcmp(cmd, "report") == 0) return reportCommand(argc - 1, argv + 1);
     if (strcmp(cmd, "sim") == 0) return simCommand(argc - 1, argv + 1);
+    if (strcmp(cmd, "status") == 0) return statusCommand(argc - 1, argv + 1);
     fprintf(stderr, "tavrendctl: unknown command '%s'\n", cmd);
     return usage();
 }
