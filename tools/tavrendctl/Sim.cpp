@@ -171,6 +171,7 @@ int simCommand(int argc, char** argv) {
         fprintf(stderr, "tavrendctl: bad scenario: %s\n", error.c_str());
         return 2;
     }
+    for (const auto& w : s.configWarnings) fprintf(stderr, "tavrendctl: warning: %s\n", w.c_str());
     handleSignals();
     return play(a.path, s, a.scale.value_or(s.scale.value_or(1.0)), a.json);
 }

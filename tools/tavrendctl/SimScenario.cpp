@@ -13,6 +13,8 @@
 #include <set>
 #include <sstream>
 
+#include "ConfigRules.h"
+
 namespace tavrendctl::sim {
 namespace {
 
@@ -259,6 +261,10 @@ bool figures(const cJSON* item, const std::string& what, const std::vector<std::
     return true;
 }
 
+bool startsWith(const std::string& s, const char* prefix) {
+    return s.compare(0, strlen(prefix), prefix) == 0;
+}
+
 std::vector<std::string> lmkLabels() { return {std::begin(kLmkLabels), std::end(kLmkLabels)}; }
 
 // A process object: `fields` gets the names of the keys given.
@@ -329,14 +335,21 @@ void merge(cJSON* base, const cJSON* patch) {
     }
 }
 
-// A whole-number setting of the merged configuration, 0 when it is not one.
-long setting(const cJSON* config, const char* section, const char* key) {
-    const cJSON* v =
-        cJSON_GetObjectItemCaseSensitive(cJSON_GetObjectItemCaseSensitive(config, section), key);
-    if (!cJSON_IsNumber(v) || !std::isfinite(v->valuedouble) || std::fabs(v->valuedouble) > 1e12) {
-        return 0;
+// The configuration as the daemon will read it, and the guardrail rows, by
+// check-config's rules: a key or section the daemon does not know is a
+// mistake; other findings (but the keys it never acts on) are warnings.
+bool checkConfig(const cJSON* config, const cJSON* guardrails, Scenario& s, std::string& error) {
+    for (const ConfigFinding& f : checkConfigObjects(config, guardrails)) {
+        const bool row = startsWith(f.key, "processes");
+        const std::string where =
+            row ? "guardrails" + f.key.substr(strlen("processes")) : "config." + f.key;
+        if (f.unknown) {
+            error = where + " is not known to the daemon: " + f.message;
+            return false;
+        }
+        if (!f.inert) s.configWarnings.push_back(where + ": " + f.message);
     }
-    return static_cast<long>(v->valuedouble);
+    return true;
 }
 
 bool loadConfig(const cJSON* root, Scenario& s, std::string& error) {
@@ -368,9 +381,10 @@ bool loadConfig(const cJSON* root, Scenario& s, std::string& error) {
     if (cJSON_IsNumber(interval) && interval->valuedouble >= 1 && interval->valuedouble < 1e9) {
         s.memoryReadIntervalSec = static_cast<int>(interval->valuedouble);
     }
-    s.lmkTargetKills = setting(config.p, "system_mem", "lmk_target_kills");
-    s.uplBadSampleThreshold =
-        setting(config.p, "device_upl", "critical_upl_bad_sample_count_threshold");
+    // The counts that decide a condition, as the daemon's loader stores them.
+    const tavrend::ConfigVariables effective = effectiveConfig(config.p);
+    s.lmkTargetKills = std::max(1, effective.lmk_target_kills);
+    s.uplBadSampleThreshold = std::max(1, effective.critical_upl_bad_sample_count_threshold);
 
     const cJSON* metric = cJSON_GetObjectItemCaseSensitive(root, "metric_config");
     if (metric != nullptr) {
@@ -391,7 +405,7 @@ bool loadConfig(const cJSON* root, Scenario& s, std::string& error) {
         cJSON_AddItemToObject(file.p, "processes", cJSON_Duplicate(guardrails, 1));
         s.guardrailText = printed(file.p);
     }
-    return true;
+    return checkConfig(config.p, guardrails, s, error);
 }
 
 bool loadDevice(const cJSON* device, Scenario& s, std::string& error) {

@@ -66,8 +66,9 @@ struct Scenario {
     std::string description;
     std::optional<double> scale;
     double endSec = 0;
-    long bootUptimeSec = 0;  // the device's uptime when the run starts
-    std::string configText;  // the merged daemon configuration, as written
+    long bootUptimeSec = 0;                   // the device's uptime when the run starts
+    std::string configText;                   // the merged daemon configuration, as written
+    std::vector<std::string> configWarnings;  // check-config's findings on it and the rows
     std::string metricConfigText;
     std::optional<std::string> guardrailText;
     bool guardrailsEnabled = false;  // as the merged configuration says
