@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <climits>
 #include <set>
+#include <string_view>
 
 #include "SimRun.h"
 
@@ -12,6 +13,13 @@ namespace tavrendctl::sim {
 namespace {
 
 using Diffs = std::vector<std::string>;
+
+// The pieces of one line, joined.
+std::string joined(std::initializer_list<std::string_view> pieces) {
+    std::string out;
+    for (std::string_view p : pieces) out += p;
+    return out;
+}
 
 std::string killedKinds(const Outcome& o, const std::string& name) {
     std::set<std::string> kinds;
@@ -61,7 +69,8 @@ void compareKilled(const std::map<std::string, std::string>& killed, const Outco
         const std::string want = it == killed.end() ? "not killed" : it->second;
         std::string got = killedKinds(o, name);
         if (got.empty()) got = "not killed";
-        if (want != got) diffs.push_back("kill of " + name + ": expected " + want + ", got " + got);
+        if (want != got)
+            diffs.push_back(joined({"kill of ", name, ": expected ", want, ", got ", got}));
     }
 }
 
@@ -93,8 +102,8 @@ void differ(const Counts& want, const Counts& got, const std::string& what, Diff
     }
     for (const auto& name : names) {
         if (countOf(want, name) == countOf(got, name)) continue;
-        diffs.push_back("kills of " + name + what + std::to_string(countOf(want, name)) + ", got " +
-                        std::to_string(countOf(got, name)));
+        diffs.push_back(joined({"kills of ", name, what, std::to_string(countOf(want, name)),
+                                ", got ", std::to_string(countOf(got, name))}));
     }
 }
 
