@@ -90,19 +90,18 @@ bool observeKill(Outcome& o, DeviceState& device, double t, const std::string& m
 // The counts that decide a condition: LMK kills and bad latency samples.
 void observeCounts(Outcome& o, const std::string& msg) {
     unsigned long long n = 0;
-    long kills = 0;
-    long total = 0;
-    long bad = 0;
-    if (sscanf(msg.c_str(), "SystemMemorySampler heartbeat %llu, lmk_current_kills %ld", &n,
-               &kills) >= 1) {
+    long first = 0;
+    long second = 0;
+    int got = sscanf(msg.c_str(), "SystemMemorySampler heartbeat %llu, lmk_current_kills %ld", &n,
+                     &first);
+    if (got >= 1) {
         o.tick = static_cast<long>(n) * o.ticksPerSample;
-        if (msg.find("lmk_current_kills") != std::string::npos) o.lmkKills = kills;
-    } else if (sscanf(msg.c_str(), "Total samples=%ld, bad samples=%ld,", &total, &bad) >= 1) {
-        o.uplCounted = std::max(o.uplCounted, total);
-        if (msg.find("bad samples=") != std::string::npos) {
-            o.badSamples = std::max(o.badSamples.value_or(0), bad);
-        }
+        if (got == 2) o.lmkKills = first;
+        return;
     }
+    got = sscanf(msg.c_str(), "Total samples=%ld, bad samples=%ld,", &first, &second);
+    if (got >= 1) o.uplCounted = std::max(o.uplCounted, first);
+    if (got == 2) o.badSamples = std::max(o.badSamples.value_or(0), second);
 }
 
 }  // namespace
