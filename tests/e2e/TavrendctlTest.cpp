@@ -176,3 +176,24 @@ TEST(Tavrendctl, SimRefusesBadScenarios) {
         << readText(out);
     std::remove(out.c_str());
 }
+
+// --clean removes the folders of finished runs only: a folder whose daemon
+// still runs stays, whatever else is there.
+TEST(Tavrendctl, SimCleanLeavesRunsThatGoOn) {
+    DeviceRoot tmp;                                                  // the TMPDIR of this test
+    std::filesystem::copy_file("/bin/sleep", tmp.host("/tavrend"));  // a "daemon" that runs on
+    Subprocess daemon(tmp.host("/tavrend"), {"30"}, {});
+    const std::pair<std::string, std::string> runs[] = {
+        {"old", ""}, {"ended", "999999999"}, {"live", std::to_string(daemon.pid())}};
+    for (const auto& [name, pid] : runs) {
+        tmp.writeFile("/tavrend-sim-" + name + "/logs/system.log", "");
+        if (!pid.empty()) tmp.writeFile("/tavrend-sim-" + name + "/daemon.pid", pid + "\n");
+    }
+    const std::string out = tmp.host("/out.txt");
+    Subprocess clean(binPath("tavrendctl"), {"sim", "--clean"}, {{"TMPDIR", tmp.path()}}, out);
+    const auto status = clean.wait(10s);
+    EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << readText(out);
+    EXPECT_FALSE(tmp.exists("/tavrend-sim-old") || tmp.exists("/tavrend-sim-ended"));
+    EXPECT_TRUE(tmp.exists("/tavrend-sim-live/logs/system.log"));
+    EXPECT_TRUE(daemon.running());
+}
