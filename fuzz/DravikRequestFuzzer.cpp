@@ -39,7 +39,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // The same two texts through the driver: write the pid, read the answer.
     const std::string rollupPath = "/proc/" + std::to_string(kRollupPid) + "/smaps_rollup";
     tavrend::fuzz::writeDeviceFile(rollupPath, rollup);
-    dravikfs::Driver driver(tavrend::fuzz::rootPath(), dravikfs::Faults{}, getpid());
+    dravikfs::Driver driver({tavrend::fuzz::rootPath() + "/proc", false}, dravikfs::Faults{},
+                            getpid());
     const int written = driver.writePss(pidText);
     FUZZ_CHECK((written == 0) == (pid && *pid > 0));
     const std::string answer = driver.readPss();

@@ -1,5 +1,5 @@
 // Guardrails end to end on a real process: the driver emulator on a root
-// without proc/ reads and kills the machine's own processes. A helper over its
+// without proc/, told so, reads and kills the machine's own processes. A helper over its
 // hard limit dies at once; SIGTERM then ends the daemon through the
 // termination handler, after "Exiting", with no sanitizer report. The soft
 // limit, the idle kill and the metrics are the guardrail scenario's.
@@ -30,7 +30,7 @@ TEST(GuardrailE2E, HardKillOfARealProcessThenSigterm) {
     root.writeFile("/system/etc/tavrend/tavrend_memory_guardrail.json",
                    R"({"processes": [{"name": ")" + name +
                        R"(", "soft_memory_limit": 10240, "hard_memory_limit": 40960}]})");
-    START_DRAVIK(dravik, root.path());
+    START_DRAVIK(dravik, root.path(), {.hostProc = true});
     Subprocess hog(binPath("guardrail_hog"), {name, "64"}, {});
 
     DaemonRun run(root);

@@ -1,9 +1,11 @@
 // tavrendctl report on a system log captured from two daemon runs: a memory
-// report whose histories take two lines each, one process named with XML's
-// special characters, then a latency report; and on the same log cut short
-// inside the first Other Free history, with a value that is no number in one
-// process's history, a history line of another thread inside the report, and
-// a swap history shorter than its RSS one (report_cut.log).
+// report whose histories take two lines each, sampled every 2 s as the first
+// run's configuration lines say, one process named with XML's special
+// characters and an RSS baseline below its samples, then a latency report
+// (no configuration lines: 1 s) whose last bad sample has its log line; and on the same log cut
+// short inside the first Other Free history, with a value that is no number in one process's
+// history, a history line of another thread inside the report, and a swap history shorter than its
+// RSS one (report_cut.log).
 #include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 
@@ -29,10 +31,11 @@ TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
         {{kLog, "--trace", dir / "t.json", "--svg", dir / "svg"},
          0,
          {"condition: Memory is being leaked, need to take action",
-          "Other Free       37888 kB (78 samples)",
+          "Other Free       37888 kB (78 samples, 2 s apart)",
           "+102400 kB  surfaceflinger [801]: 73728 -> 176128 kB",
           "condition: Critical UPL condition detected since bad sample count threshold reached",
-          "Bad UPL samples  1062 ms (20 samples)", "svg: 14 charts"}},
+          "Bad UPL samples  1062 ms (20 events)", "-> 53248 kB\n\nCrash report 2 of 2 (",
+          "Other Free       37888 kB (11 samples, no period in the log)", "svg: 14 charts"}},
         {{TAVREND_SOURCE_DIR "/tests/e2e/testdata/report_cut.log", "--trace", dir / "cut.json"},
          0,
          {"report_cut.log:17: cannot read the RSS history of pid 2210; skipped",
@@ -61,19 +64,36 @@ TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
     size_t counters = 0;
     for (size_t at = 0; (at = trace.find("\"ph\":\"C\"", at)) != std::string::npos; ++at)
         ++counters;
-    EXPECT_EQ(counters, 4 * 78 + 39 + 39 + 1 + 20 + 4 * 11 + 6 + 6);
-    // The newest sample is at the report's Date & Time, read as UTC.
-    EXPECT_NE(trace.find("{\"ph\":\"C\",\"name\":\"Bad UPL samples\",\"pid\":2,"
-                         "\"ts\":1795460604000000,\"args\":{\"ms\":1062}}"),
-              std::string::npos);
+    EXPECT_EQ(counters, 4 * 78 + 39 + 39 + 1 + 4 * 11 + 6 + 6);
+    // The newest sample is at the report's Date & Time, read as UTC, the
+    // oldest of 78 two-second samples 154 s before; each bad latency sample
+    // is an event at its log line's time, when it has one.
+    const std::pair<const char*, size_t> want[] = {
+        {"{\"ph\":\"C\",\"name\":\"Other Free\",\"pid\":1,\"ts\":1795460295000000,", 1},
+        {"{\"ph\":\"C\",\"name\":\"Other Free\",\"pid\":2,\"ts\":1795460594000000,", 1},
+        {"{\"ph\":\"i\",\"s\":\"p\",\"name\":\"Bad UPL samples\",\"pid\":2,"
+         "\"ts\":1795460603676000,\"args\":{\"ms\":1062}}",
+         1},
+        {"\"ts\":1795460604000000,\"args\":{\"ms\":1055,\"logged\":false}}", 1},
+        {"\"ph\":\"i\"", 20}};
+    for (const auto& [text, n] : want) {
+        size_t found = 0;
+        for (size_t at = 0; (at = trace.find(text, at)) != std::string::npos; ++at) ++found;
+        EXPECT_EQ(found, n) << text;
+    }
     // system_server's swap history is two samples long: they end with its RSS.
     EXPECT_NE(readText(dir / "cut.json").find(",\"RSwap kB\":1}}"), std::string::npos);
     const std::string chart = readText(dir / "svg/report1-other-free.svg");
     EXPECT_NE(chart.find(">max 113920 kB<"), std::string::npos) << chart;
     EXPECT_NE(chart.find(">min 37888 kB<"), std::string::npos);
-    EXPECT_TRUE(fs::exists(dir / "svg/report1-rss-801-surfaceflinger.svg"));
-    EXPECT_NE(readText(dir / "svg/report1-rss-2210-vendor.Audio-hal_2_a__b__.svg")
-                  .find(">RSS of vendor.Audio-hal_2&lt;a&amp;&quot;b&quot;&gt; [2210]<"),
+    EXPECT_NE(chart.find(">-154 s<"), std::string::npos);
+    EXPECT_NE(chart.find(">78 samples, 2 s apart<"), std::string::npos);
+    EXPECT_NE(readText(dir / "svg/report2-upl.svg").find(">20 events, in the order received<"),
               std::string::npos);
+    EXPECT_TRUE(fs::exists(dir / "svg/report1-rss-801-surfaceflinger.svg"));
+    const std::string vendor = readText(dir / "svg/report1-rss-2210-vendor.Audio-hal_2_a__b__.svg");
+    EXPECT_NE(vendor.find(">RSS of vendor.Audio-hal_2&lt;a&amp;&quot;b&quot;&gt; [2210]<"),
+              std::string::npos);
+    EXPECT_NE(vendor.find(">min 53248 kB<"), std::string::npos) << "the sample, not the baseline";
     EXPECT_FALSE(fs::exists(dir / "svg/report1-upl.svg"));  // no samples, no chart
 }

@@ -35,6 +35,7 @@ protected:
 
 TEST(Tavrendctl, GetpropAndSetpropBehaveLikeTheDeviceTools) {
     DeviceRoot root;
+    root.removePath("/dev/__properties__");  // the first set makes the store
     EXPECT_EQ(ctl(root, {"setprop", "sys.user_activity_detected", "false"}).exitCode, 0);
     EXPECT_EQ(root.getProperty("sys.user_activity_detected"), "false");
     auto got = ctl(root, {"getprop", "sys.user_activity_detected"});
@@ -42,13 +43,32 @@ TEST(Tavrendctl, GetpropAndSetpropBehaveLikeTheDeviceTools) {
     EXPECT_EQ(got.output, "false\n");
     EXPECT_EQ(ctl(root, {"getprop", "sys.powerctl", "none"}).output, "none\n");
 
-    auto refused = ctl(root, {"setprop", "bad..name", "x"});
-    EXPECT_EQ(refused.exitCode, 1);
-    EXPECT_NE(refused.output.find("failed to set property 'bad..name'"), std::string::npos);
-
-    EXPECT_EQ(ctl(root, {}).exitCode, 2);
-    EXPECT_EQ(ctl(root, {"--help"}).exitCode, 0);
-    EXPECT_EQ(ctl(root, {"setprop", "only-name"}).exitCode, 2);
+    // Each mistake is named; each --help is its own.
+    const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
+        {{"setprop", "bad..name", "x"}, 1, "set property 'bad..name' to 'x': not a property name"},
+        {{"setprop", "a.b", std::string(92, 'x')}, 1, "the value is 92 bytes, at most 91"},
+        {{"frob"}, 2, "unknown command 'frob'"},
+        {{"setprop", "only-name"}, 2, "usage: tavrendctl setprop NAME VALUE\n"},
+        {{}, 2, "usage:"},
+        {{"--help"}, 0, "usage:"},
+        {{"getprop", "--help"}, 0, "Prints the value of property NAME"},
+        {{"call", "-h"}, 0, "2 token com.corvail.android.service.TavrenIPC i64 250"},
+        {{"--version"}, 0, "tavrendctl 0."},
+    };
+    for (const auto& [args, exitCode, output] : cases) {
+        got = ctl(root, args);
+        EXPECT_EQ(got.exitCode, exitCode) << testing::PrintToString(args);
+        EXPECT_NE(got.output.find(output), std::string::npos) << got.output;
+    }
+    // A root that does not exist is refused, not made.
+    const std::string missing = root.path() + "/missing", out = root.path() + "/out.txt";
+    Subprocess set(binPath("tavrendctl"), {"setprop", "a.b", "1"}, {{"TAVREND_ROOT", missing}},
+                   out);
+    const auto status = set.wait(10s);
+    EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 2);
+    EXPECT_NE(readText(out).find("the device root " + missing + " ($TAVREND_ROOT) is not a"),
+              std::string::npos);
+    EXPECT_FALSE(std::filesystem::exists(missing));
 }
 
 TEST(Tavrendctl, UplAndCallSendBinderTransactions) {
@@ -91,6 +111,10 @@ TEST(Tavrendctl, UplAndCallSendBinderTransactions) {
         {{"call", "test.target", "1", "i32", "2147483648"}, 2, "bad argument 'i32 2147483648'"},
         {{"call", "test.target", "4294967296"}, 2, "bad transaction code '4294967296'"},
         {{"upl", "9223372036854775808"}, 2, "bad latency '9223372036854775808'"},
+        // Sent whole, with a warning: the daemon's cut is its own.
+        {{"upl", "4294967546"},
+         1,
+         "does not fit in 32 bits; the daemon keeps its low 32 bits, 250\n"},
     };
     for (const auto& c : cases) {
         auto got = ctl(root, c.args);
@@ -121,7 +145,7 @@ TEST(Tavrendctl, SimRefusesBadScenarios) {
         cJSON_Delete(json);
         ++files;
     }
-    EXPECT_EQ(files, 23u);
+    EXPECT_EQ(files, 28u);
     EXPECT_NE(ctl(root, {"sim", TAVREND_SOURCE_DIR "/README.md"}).output.find("bad scenario:"),
               std::string::npos);  // not JSON at all
     root.writeFile("/big.json", "{" + std::string(4 << 20, ' ') + "}");
@@ -151,4 +175,25 @@ TEST(Tavrendctl, SimRefusesBadScenarios) {
     EXPECT_NE(readText(out).find("cannot build the device root: cannot write "), std::string::npos)
         << readText(out);
     std::remove(out.c_str());
+}
+
+// --clean removes the folders of finished runs only: a folder whose daemon
+// still runs stays, whatever else is there.
+TEST(Tavrendctl, SimCleanLeavesRunsThatGoOn) {
+    DeviceRoot tmp;                                                  // the TMPDIR of this test
+    std::filesystem::copy_file("/bin/sleep", tmp.host("/tavrend"));  // a "daemon" that runs on
+    Subprocess daemon(tmp.host("/tavrend"), {"30"}, {});
+    const std::pair<std::string, std::string> runs[] = {
+        {"old", ""}, {"ended", "999999999"}, {"live", std::to_string(daemon.pid())}};
+    for (const auto& [name, pid] : runs) {
+        tmp.writeFile("/tavrend-sim-" + name + "/logs/system.log", "");
+        if (!pid.empty()) tmp.writeFile("/tavrend-sim-" + name + "/daemon.pid", pid + "\n");
+    }
+    const std::string out = tmp.host("/out.txt");
+    Subprocess clean(binPath("tavrendctl"), {"sim", "--clean"}, {{"TMPDIR", tmp.path()}}, out);
+    const auto status = clean.wait(10s);
+    EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << readText(out);
+    EXPECT_FALSE(tmp.exists("/tavrend-sim-old") || tmp.exists("/tavrend-sim-ended"));
+    EXPECT_TRUE(tmp.exists("/tavrend-sim-live/logs/system.log"));
+    EXPECT_TRUE(daemon.running());
 }

@@ -25,6 +25,7 @@ DravikMount::DravikMount(const std::string& root, const DravikOptions& options) 
     if (options.failWrites) args.push_back("--fail-writes=" + std::to_string(*options.failWrites));
     if (options.pssAnswer) args.push_back("--pss-answer=" + *options.pssAnswer);
     if (options.killStatus) args.push_back("--kill-status=" + std::to_string(*options.killStatus));
+    if (options.hostProc) args.push_back("--host-proc");
     server_ = std::make_unique<Subprocess>(binPath("dravikfs"), args,
                                            std::map<std::string, std::string>{}, logPath_);
 

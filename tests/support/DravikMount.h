@@ -22,11 +22,13 @@
 
 namespace tavrend::test {
 
-// The fault modes of dravikfs; unset means none.
+// The fault modes of dravikfs; unset means none. `hostProc` lets it serve,
+// and kill, the machine's own processes when the root has no proc/.
 struct DravikOptions {
     std::optional<unsigned> failWrites = {};
     std::optional<std::string> pssAnswer = {};
     std::optional<int> killStatus = {};
+    bool hostProc = false;
 };
 
 class DravikMount {

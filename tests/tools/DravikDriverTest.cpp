@@ -66,25 +66,26 @@ TEST(DravikParse, Options) {
         if (!error.empty()) return error;
         const auto& f = o.faults;
         return o.root + " " + o.mountPoint + " " + (o.foreground ? "f" : "-") +
-               (o.dieWithParent ? "d" : "-") + (o.allowOther ? "a" : "-") + (o.help ? "h" : "-") +
-               " " + std::to_string(f.failWrites) + " " +
-               (f.pssAnswer ? "'" + *f.pssAnswer + "'" : "-") + " " +
-               (f.killStatus ? std::to_string(*f.killStatus) : "-");
+               (o.dieWithParent ? "d" : "-") + (o.allowOther ? "a" : "-") +
+               (o.hostProc ? "p" : "-") + (o.help ? "h" : "-") + (o.version ? "v" : "-") + " " +
+               std::to_string(f.failWrites) + " " + (f.pssAnswer ? "'" + *f.pssAnswer + "'" : "-") +
+               " " + (f.killStatus ? std::to_string(*f.killStatus) : "-");
     };
     const std::tuple<std::vector<std::string>, const char*, std::string> cases[] = {
-        {{}, nullptr, "/ /sys/kernel/dravik ---- 0 - -"},
-        {{}, "", "/ /sys/kernel/dravik ---- 0 - -"},
-        {{"-h"}, "/env", "/env /env/sys/kernel/dravik ---h 0 - -"},
-        {{"-r", "/a/../b", "-m", "/m", "-f", "--die-with-parent", "--allow-other"},
+        {{}, nullptr, "/ /sys/kernel/dravik ------ 0 - -"},
+        {{}, "", "/ /sys/kernel/dravik ------ 0 - -"},
+        {{"-h"}, "/env", "/env /env/sys/kernel/dravik ----h- 0 - -"},
+        {{"-r", "/a/../b", "-m", "/m", "-f", "--die-with-parent", "--allow-other", "--host-proc",
+          "--version"},
          "/env",
-         "/b /m fda- 0 - -"},
+         "/b /m fdap-v 0 - -"},
         {{"--root=/r", "--mount", "/m/", "--foreground", "--fail-writes=4294967295",
           "--pss-answer=", "--kill-status", "-2147483648"},
          nullptr,
-         "/r /m/ f--- 4294967295 '' -2147483648"},
+         "/r /m/ f----- 4294967295 '' -2147483648"},
         {{"--fail-writes", "000000000000000007", "--pss-answer", "n/a", "--kill-status=2147483647"},
          nullptr,
-         "/ /sys/kernel/dravik ---- 7 'n/a' 2147483647"},
+         "/ /sys/kernel/dravik ------ 7 'n/a' 2147483647"},
         {{"--fail-writes=4294967296"}, nullptr, "invalid count for --fail-writes: '4294967296'"},
         {{"--fail-writes=-1"}, nullptr, "invalid count for --fail-writes: '-1'"},
         {{"--fail-writes=0000000000000000007"},

@@ -94,6 +94,30 @@ TEST(Dravikfs, KillInSyntheticRoot) {
     EXPECT_TRUE(root.exists("/proc/5001") && root.exists("/proc/702") && root.exists("/keep/x"));
 }
 
+// The machine's processes only when asked for; a synthetic proc/ that goes
+// away is never replaced by them, and a real process on the pid survives.
+TEST(Dravikfs, NeverFallsBackToTheMachinesProcesses) {
+    DeviceRoot root;
+    Subprocess real("/bin/sleep", {"30"}, {});
+    const std::string pid = std::to_string(real.pid());
+    START_DRAVIK(dravik, root.path());
+    const std::string pss = dravik.file("total_pss_kb"), kill = dravik.file("target_pid_kill");
+    root.removePath("/proc");
+    ASSERT_EQ(writeText(pss, pid), 0);
+    EXPECT_EQ(readText(pss), "");
+    EXPECT_EQ(writeText(kill, pid), ENOENT);
+    EXPECT_EQ(readText(kill), std::to_string(ENOENT) + "\n");
+    EXPECT_TRUE(real.running());
+    EXPECT_NE(dravik.serverLog().find("refusing to kill pid " + pid), std::string::npos);
+
+    DeviceRoot bare(false);
+    DravikMount refused(bare.path());
+    EXPECT_FALSE(refused.ok());
+    EXPECT_NE(refused.error().find("serving the machine's own processes needs --host-proc"),
+              std::string::npos)
+        << refused.error();
+}
+
 TEST(Dravikfs, FaultModes) {
     DeviceRoot root;
     root.addProcess({.pid = 300, .pssKb = 333});
@@ -117,7 +141,7 @@ TEST(Dravikfs, FaultModes) {
 
 TEST(Dravikfs, SignalsUnmountCleanly) {
     for (int sig : {SIGTERM, SIGINT}) {
-        DeviceRoot root(false);
+        DeviceRoot root;
         START_DRAVIK(dravik, root.path());
         // True only when the server unmounted by itself and exited with status 0.
         EXPECT_TRUE(dravik.stop(sig)) << strsignal(sig) << ": " << dravik.serverLog();
@@ -127,7 +151,7 @@ TEST(Dravikfs, SignalsUnmountCleanly) {
 // What keeps a crashed test from leaving its mount behind: the shell starts
 // the server, waits for the mount and exits; the server must unmount and end.
 TEST(Dravikfs, DiesWithItsParent) {
-    DeviceRoot root(false);
+    DeviceRoot root;
     const std::string mp = root.path() + "/sys/kernel/dravik";
     const std::string script =
         "\"$0\" -r \"$1\" -f --die-with-parent & "

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <filesystem>
 #include <utility>
 
@@ -52,6 +53,11 @@ std::optional<std::string> readBounded(const std::string& path) {
         text.resize(lastNewline == std::string::npos ? 0 : lastNewline + 1);
     }
     return text;
+}
+
+bool isProcfs(const std::string& dir) {
+    struct statfs sfs;
+    return statfs(dir.c_str(), &sfs) == 0 && sfs.f_type == PROC_SUPER_MAGIC;
 }
 
 }  // namespace
@@ -111,32 +117,37 @@ std::optional<uint64_t> parsePssKb(std::string_view rollup) {
     return std::nullopt;
 }
 
-Driver::Driver(std::string root, Faults faults, pid_t selfPid)
-    : root_([&] {
-          while (!root.empty() && root.back() == '/') root.pop_back();
-          return std::move(root);
-      }()),
+std::string chooseProcSource(const std::string& root, bool hostProc, ProcSource& out) {
+    std::string own = root;
+    while (!own.empty() && own.back() == '/') own.pop_back();
+    own += "/proc";
+    struct stat st;
+    const bool folder = stat(own.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    if (folder && !isProcfs(own)) {
+        out = {own, false};
+        return {};
+    }
+    if (!hostProc) {
+        return (folder ? own + " is the machine's procfs"
+                       : "the device root " + root + " has no proc/ folder") +
+               ": serving the machine's own processes needs --host-proc";
+    }
+    // A root whose proc/ is a procfs (e.g. a bind mount) is served from there.
+    out = {folder ? own : std::string("/proc"), true};
+    return {};
+}
+
+Driver::Driver(ProcSource source, Faults faults, pid_t selfPid)
+    : source_(std::move(source)),
       selfPid_(selfPid),
       pssAnswer_(std::move(faults.pssAnswer)),
       killStatusOverride_(faults.killStatus),
       failWrites_(faults.failWrites) {}
 
-std::string Driver::procDir() const {
-    if (!root_.empty()) {
-        std::string own = root_ + "/proc";
-        struct stat st;
-        if (stat(own.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return own;
-    }
-    return "/proc";
-}
-
-bool Driver::procIsMachine() const {
-    std::string dir = procDir();
-    if (dir == "/proc") return true;
-    // A root whose proc/ is a real procfs (e.g. a bind mount) gets real kills,
-    // never a recursive removal of kernel files.
-    struct statfs sfs;
-    return statfs(dir.c_str(), &sfs) == 0 && sfs.f_type == PROC_SUPER_MAGIC;
+bool Driver::sourcePresent() const {
+    struct stat st;
+    return stat(source_.dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode) &&
+           isProcfs(source_.dir) == source_.machine;
 }
 
 bool Driver::takeWriteFault() {
@@ -173,6 +184,10 @@ int Driver::writeKill(std::string_view text) {
         status = EINVAL;
     } else if (*pid <= 1 || *pid == selfPid_) {
         status = EPERM;
+    } else if (!sourcePresent()) {
+        fprintf(stderr, "dravikfs: refusing to kill pid %d: %s, served since mounting, is gone\n",
+                *pid, source_.dir.c_str());
+        status = ENOENT;
     } else {
         killStatus_ = procIsMachine() ? killMachine(*pid) : killSynthetic(procDir(), *pid);
         // The request was taken; how the kill went is for the status read.
@@ -206,6 +221,7 @@ int Driver::killSynthetic(const std::string& procDir, int pid) {
 }
 
 std::string Driver::readPss() {
+    if (!sourcePresent()) return {};
     if (pssAnswer_) return *pssAnswer_;
     pid_t pid = selectedPid();
     if (pid <= 0) return {};

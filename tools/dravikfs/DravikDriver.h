@@ -12,7 +12,8 @@
 //   target_pid_kill  write "1234" to kill that process; a read answers the
 //                    status of the last kill, "0\n" or the errno, e.g. "3\n".
 //
-// <proc> is <root>/proc when that directory exists, else the machine's /proc.
+// <proc> is decided once, when the filesystem mounts (see chooseProcSource):
+// a synthetic <root>/proc, or the machine's own processes when asked for.
 #pragma once
 
 #include <sys/types.h>
@@ -51,11 +52,21 @@ struct Faults {
     std::optional<int> killStatus;         // every target_pid_kill read answers this
 };
 
+// Where the served processes come from.
+struct ProcSource {
+    std::string dir;       // "<root>/proc" or "/proc"
+    bool machine = false;  // a procfs (kills send SIGKILL), else a synthetic tree
+};
+
+// Chooses the source for the device root `root`: its proc/ when that is a
+// plain folder; the machine's processes (a procfs proc/ of the root, else
+// /proc) only when `hostProc`. Returns an error line, or "" with `out` set.
+std::string chooseProcSource(const std::string& root, bool hostProc, ProcSource& out);
+
 class Driver {
 public:
-    // `root` is the device root ("/" for the machine); `selfPid` is refused as
-    // a kill target.
-    Driver(std::string root, Faults faults, pid_t selfPid);
+    // `selfPid` is refused as a kill target.
+    Driver(ProcSource source, Faults faults, pid_t selfPid);
 
     // Each returns 0 or a negative errno, as a FUSE write handler does.
     int writePss(std::string_view text);
@@ -65,11 +76,11 @@ public:
     std::string readPss();
     std::string readKill();
 
-    // Where processes are looked up now, and whether that is a real procfs
-    // (kills then send SIGKILL) rather than a synthetic tree (kills remove
-    // the process's folder).
-    std::string procDir() const;
-    bool procIsMachine() const;
+    // Where processes are looked up, and whether that is a real procfs (kills
+    // then send SIGKILL) rather than a synthetic tree (kills remove the
+    // process's folder).
+    const std::string& procDir() const { return source_.dir; }
+    bool procIsMachine() const { return source_.machine; }
 
     pid_t selectedPid();
     int lastKillStatus();
@@ -77,10 +88,13 @@ public:
 private:
     // True (and one fault used up) when this write is to fail with EIO.
     bool takeWriteFault();
+    // Whether the source mounted with is still there, as what it was: a
+    // synthetic proc/ that went must never turn into the machine's processes.
+    bool sourcePresent() const;
     int killMachine(int pid);
     int killSynthetic(const std::string& procDir, int pid);
 
-    const std::string root_;  // without a trailing slash; empty for "/"
+    const ProcSource source_;
     const pid_t selfPid_;
     const std::optional<std::string> pssAnswer_;
     const std::optional<int> killStatusOverride_;

@@ -14,7 +14,9 @@ struct Options {
     bool foreground = false;
     bool dieWithParent = false;
     bool allowOther = false;
+    bool hostProc = false;  // the machine's own processes may be served
     bool help = false;
+    bool version = false;
     Faults faults;
 };
 

@@ -15,6 +15,7 @@
 #include <ctime>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -182,11 +183,57 @@ std::string prepareMountPoint(const std::string& mountPoint) {
 
 void fail(const std::string& message) { fprintf(stderr, "dravikfs: %s\n", message.c_str()); }
 
-}  // namespace
+// The FUSE session from set-up to unmount. Whatever was set up is torn down,
+// in reverse order, when it goes out of scope, however main() ends.
+class Session {
+public:
+    Session() = default;
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+    ~Session() {
+        if (mounted_) fuse_unmount(fuse_);
+        if (handlers_) fuse_remove_signal_handlers(fuse_get_session(fuse_));
+        if (fuse_ != nullptr) fuse_destroy(fuse_);
+        fuse_opt_free_args(&args_);
+    }
 
-int main(int argc, char** argv) {
-    const pid_t parentAtStart = getppid();
-    dravikfs::Options options;
+    // Sets up and mounts. An error line, or "".
+    std::string mount(const dravikfs::Options& options, dravikfs::Driver& driver,
+                      pid_t parentAtStart) {
+        std::string mountOptions = "fsname=dravikfs,subtype=dravikfs,default_permissions";
+        if (options.allowOther) mountOptions += ",allow_other";
+        if (fuse_opt_add_arg(&args_, "dravikfs") != 0 || fuse_opt_add_arg(&args_, "-o") != 0 ||
+            fuse_opt_add_arg(&args_, mountOptions.c_str()) != 0) {
+            return "out of memory";
+        }
+        struct fuse_operations ops = makeOperations();
+        fuse_ = fuse_new(&args_, &ops, sizeof ops, &driver);
+        if (fuse_ == nullptr) return "cannot set up the FUSE session";
+        // Installed before mounting, so a SIGTERM from here on always unmounts.
+        handlers_ = fuse_set_signal_handlers(fuse_get_session(fuse_)) == 0;
+        if (!handlers_) return "cannot install signal handlers";
+        // A test harness that dies must not leave the mount behind.
+        if (options.dieWithParent &&
+            (prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || getppid() != parentAtStart)) {
+            return "parent process already gone";
+        }
+        mounted_ = fuse_mount(fuse_, options.mountPoint.c_str()) == 0;
+        if (!mounted_) return "cannot mount on " + options.mountPoint;
+        return {};
+    }
+
+    // Serves until SIGTERM or SIGINT; fuse_loop's result.
+    int serve() { return fuse_loop(fuse_); }
+
+private:
+    struct fuse_args args_ = FUSE_ARGS_INIT(0, nullptr);
+    struct fuse* fuse_ = nullptr;
+    bool handlers_ = false;
+    bool mounted_ = false;
+};
+
+// The options, or an exit status when there is nothing to serve.
+std::optional<int> readOptions(int argc, char** argv, dravikfs::Options& options) {
     std::string error = dravikfs::parseOptions(std::vector<std::string>(argv + 1, argv + argc),
                                                getenv("TAVREND_ROOT"), options);
     if (!error.empty()) {
@@ -198,79 +245,52 @@ int main(int argc, char** argv) {
         fputs(dravikfs::usageText().c_str(), stdout);
         return 0;
     }
+    if (options.version) {
+        printf("dravikfs %s\n", TAVREND_VERSION);
+        return 0;
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const pid_t parentAtStart = getppid();
+    dravikfs::Options options;
+    if (std::optional<int> status = readOptions(argc, argv, options)) return *status;
 
     struct stat rootSt;
     if (stat(options.root.c_str(), &rootSt) != 0 || !S_ISDIR(rootSt.st_mode)) {
         fail("device root " + options.root + " is not a directory");
         return 1;
     }
-    error = prepareMountPoint(options.mountPoint);
+    dravikfs::ProcSource source;
+    std::string error = dravikfs::chooseProcSource(options.root, options.hostProc, source);
+    if (error.empty()) error = prepareMountPoint(options.mountPoint);
     if (!error.empty()) {
         fail(error);
         return 1;
     }
 
     gMountTime = time(nullptr);
-    dravikfs::Driver driver(options.root, options.faults, getpid());
-
-    std::string mountOptions = "fsname=dravikfs,subtype=dravikfs,default_permissions";
-    if (options.allowOther) mountOptions += ",allow_other";
-    struct fuse_args args = FUSE_ARGS_INIT(0, nullptr);
-    if (fuse_opt_add_arg(&args, "dravikfs") != 0 || fuse_opt_add_arg(&args, "-o") != 0 ||
-        fuse_opt_add_arg(&args, mountOptions.c_str()) != 0) {
-        fail("out of memory");
-        return 1;
-    }
-    struct fuse_operations ops = makeOperations();
-    struct fuse* fuse = fuse_new(&args, &ops, sizeof ops, &driver);
-    if (fuse == nullptr) {
-        fail("cannot set up the FUSE session");
-        fuse_opt_free_args(&args);
-        return 1;
-    }
-    struct fuse_session* session = fuse_get_session(fuse);
-    // Installed before mounting, so a SIGTERM from here on always unmounts.
-    if (fuse_set_signal_handlers(session) != 0) {
-        fail("cannot install signal handlers");
-        fuse_destroy(fuse);
-        fuse_opt_free_args(&args);
-        return 1;
-    }
-    if (options.dieWithParent) {
-        // A test harness that dies must not leave the mount behind.
-        if (prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || getppid() != parentAtStart) {
-            fail("parent process already gone");
-            fuse_remove_signal_handlers(session);
-            fuse_destroy(fuse);
-            fuse_opt_free_args(&args);
+    dravikfs::Driver driver(source, options.faults, getpid());
+    int rc = 0;
+    {
+        Session session;
+        error = session.mount(options, driver, parentAtStart);
+        if (!error.empty()) {
+            fail(error);
             return 1;
         }
-    }
-    if (fuse_mount(fuse, options.mountPoint.c_str()) != 0) {
-        fail("cannot mount on " + options.mountPoint);
-        fuse_remove_signal_handlers(session);
-        fuse_destroy(fuse);
-        fuse_opt_free_args(&args);
-        return 1;
-    }
-    fprintf(stderr, "dravikfs: serving %s (processes from %s)\n", options.mountPoint.c_str(),
-            driver.procDir().c_str());
-    fflush(stderr);
-    if (fuse_daemonize(options.foreground ? 1 : 0) != 0) {
-        fail("cannot detach");
-        fuse_unmount(fuse);
-        fuse_remove_signal_handlers(session);
-        fuse_destroy(fuse);
-        fuse_opt_free_args(&args);
-        return 1;
-    }
-
-    int rc = fuse_loop(fuse);
-
-    fuse_remove_signal_handlers(session);
-    fuse_unmount(fuse);
-    fuse_destroy(fuse);
-    fuse_opt_free_args(&args);
+        fprintf(stderr, "dravikfs: serving %s (processes from %s%s)\n", options.mountPoint.c_str(),
+                driver.procDir().c_str(), driver.procIsMachine() ? ", the machine's own" : "");
+        fflush(stderr);
+        if (fuse_daemonize(options.foreground ? 1 : 0) != 0) {
+            fail("cannot detach");
+            return 1;
+        }
+        rc = session.serve();
+    }  // unmounted here
     if (rc < 0) {
         fail(std::string("serving stopped: ") + strerror(-rc));
         return 1;

@@ -26,12 +26,19 @@ constexpr const char* kHelp =
     "\n"
     "  --trace OUT.json  write the histories as counter tracks of a Chrome trace-event\n"
     "                    JSON file (Perfetto's UI, chrome://tracing), one trace\n"
-    "                    process per report. The log holds no sample period: the\n"
-    "                    samples are drawn one second apart, the last at the report's\n"
-    "                    time, its Date & Time read as UTC (else its log stamp, in 1970).\n"
+    "                    process per report, the last sample at the report's time,\n"
+    "                    its Date & Time read as UTC (else its log stamp, in 1970).\n"
+    "                    The bad latency samples are instant events, each at the time\n"
+    "                    of its \"Bad latency-...\" line (else at the report's time,\n"
+    "                    marked \"logged\": false).\n"
     "  --svg DIR         draw each system history and the top processes' RSS as SVG\n"
-    "                    line charts in DIR, made when missing: reportN-other-free.svg,\n"
-    "                    ..., reportN-rss-PID-NAME.svg.\n"
+    "                    charts in DIR, made when missing: reportN-other-free.svg,\n"
+    "                    ..., reportN-rss-PID-NAME.svg; the x axis in seconds before\n"
+    "                    the report, min and max the lowest and highest sample.\n"
+    "\n"
+    "Samples are as far apart as the daemon's configuration lines in the log say:\n"
+    "system histories every memory_read_interval_sec, process histories every\n"
+    "proc_scan_interval_sec (1 s when the log has no such line).\n"
     "\n"
     "History lines that cannot be read are skipped with a note on standard error.\n"
     "Exit status: 0 reports found, 1 no crash report in the log, 2 usage error,\n"
@@ -40,6 +47,14 @@ constexpr const char* kHelp =
 int usageError(const char* what, const char* arg) {
     fprintf(stderr, "tavrendctl: report: %s%s\n%s", what, arg, kUsage);
     return 2;
+}
+
+// "78 samples, 2 s apart", "20 events".
+std::string sampling(const History& h) {
+    const std::string n = std::to_string(h.values.size());
+    if (h.events) return n + " events";
+    if (!h.periodLogged) return n + " samples, no period in the log";
+    return n + " samples, " + std::to_string(h.periodSec) + " s apart";
 }
 
 void printSummary(const CrashReport& r, size_t index, size_t count, const std::string& log) {
@@ -55,8 +70,8 @@ void printSummary(const CrashReport& r, size_t index, size_t count, const std::s
         } else if (h.values.empty()) {
             printf("    %-16s (no samples)\n", h.name.c_str());
         } else {
-            printf("    %-16s %" PRIu64 " %s (%zu samples)\n", h.name.c_str(), h.values.back(),
-                   h.unit.c_str(), h.values.size());
+            printf("    %-16s %" PRIu64 " %s (%s)\n", h.name.c_str(), h.values.back(),
+                   h.unit.c_str(), sampling(h).c_str());
         }
     }
     const auto top = topGrowth(r, kTopProcesses);

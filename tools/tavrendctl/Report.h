@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,15 @@ struct History {
     std::string unit;  // "kB" or "ms"
     std::vector<uint64_t> values;
     bool present = false;  // read from the report
+    // Seconds between two samples, from the daemon's configuration lines in
+    // the log ("memory_read_interval_sec: 2"); 1 when the log has none.
+    int periodSec = 1;
+    bool periodLogged = false;
+    // Samples that are events, not a series: the bad latency samples. Each
+    // one's time (microseconds, as CrashReport::endUs) when the log has its
+    // "Bad latency-..." line.
+    bool events = false;
+    std::vector<std::optional<int64_t>> eventUs;
 };
 
 struct Process {

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <deque>
 #include <limits>
 #include <map>
 #include <optional>
@@ -109,6 +110,18 @@ std::string cleanText(std::string_view s) {
     return out;
 }
 
+// A log stamp in microseconds, in 1970 (the stamps carry no year).
+int64_t stampUs(const Stamp& at) {
+    struct tm tm {};
+    tm.tm_year = 70;
+    tm.tm_mon = at.month - 1;
+    tm.tm_mday = at.day;
+    tm.tm_hour = at.hour;
+    tm.tm_min = at.minute;
+    tm.tm_sec = at.second;
+    return static_cast<int64_t>(timegm(&tm)) * 1000000 + int64_t{at.milli} * 1000;
+}
+
 // The report's "Date & Time" (ctime's layout) read as UTC, else its log stamp in 1970.
 int64_t reportTimeUs(const std::string& date, const Stamp& head) {
     struct tm tm {};
@@ -116,14 +129,68 @@ int64_t reportTimeUs(const std::string& date, const Stamp& head) {
     if (end != nullptr && std::string_view(end).find_first_not_of(' ') == std::string_view::npos) {
         return static_cast<int64_t>(timegm(&tm)) * 1000000;
     }
-    tm = {};
-    tm.tm_year = 70;
-    tm.tm_mon = head.month - 1;
-    tm.tm_mday = head.day;
-    tm.tm_hour = head.hour;
-    tm.tm_min = head.minute;
-    tm.tm_sec = head.second;
-    return static_cast<int64_t>(timegm(&tm)) * 1000000 + int64_t{head.milli} * 1000;
+    return stampUs(head);
+}
+
+// What a daemon's log says besides its reports: the sample periods of its
+// configuration, and each bad latency sample with its time.
+struct DaemonLines {
+    std::optional<int> memoryPeriod;                      // memory_read_interval_sec
+    std::optional<int> processPeriod;                     // proc_scan_interval_sec
+    std::deque<std::pair<uint64_t, int64_t>> badSamples;  // value, stampUs
+};
+
+constexpr std::string_view kMemoryPeriod = "memory_read_interval_sec: ";
+constexpr std::string_view kProcessPeriod = "proc_scan_interval_sec: ";
+constexpr std::string_view kBadSample = "Bad latency-Audio.DeviceProcessing=";
+constexpr size_t kMaxBadSamples = 100000;  // more than any report holds
+
+// A period of at least one second, as the daemon takes it.
+std::optional<int> period(std::string_view text) {
+    uint64_t v = 0;
+    if (!parseNumber(text, v) || v > INT_MAX) return std::nullopt;
+    return std::max<int>(1, static_cast<int>(v));
+}
+
+void daemonLine(DaemonLines& d, const logcat::Line& l) {
+    const std::string_view m = l.message;
+    if (startsWith(m, kMemoryPeriod)) {
+        if (auto p = period(m.substr(kMemoryPeriod.size()))) d.memoryPeriod = p;
+    } else if (startsWith(m, kProcessPeriod)) {
+        if (auto p = period(m.substr(kProcessPeriod.size()))) d.processPeriod = p;
+    } else if (startsWith(m, kBadSample)) {
+        const std::string_view rest = m.substr(kBadSample.size());
+        uint64_t v = 0;
+        if (!parseNumber(rest.substr(0, rest.find(' ')), v)) return;
+        d.badSamples.emplace_back(v, stampUs(l.at));
+        if (d.badSamples.size() > kMaxBadSamples) d.badSamples.pop_front();
+    }
+}
+
+History named(const char* name, const char* slug, const char* unit) {
+    History h;
+    h.name = name;
+    h.slug = slug;
+    h.unit = unit;
+    return h;
+}
+
+void setPeriod(History& h, const std::optional<int>& p) {
+    h.periodSec = p.value_or(1);
+    h.periodLogged = p.has_value();
+}
+
+// Gives each bad sample of `h` the time of its log line: the daemon logs each
+// one as it comes, and the report holds the last ones, so they are the
+// newest lines, newest last. `offsetUs` turns a log stamp into the report's time.
+void timeEvents(History& h, const std::deque<std::pair<uint64_t, int64_t>>& logged,
+                int64_t offsetUs) {
+    h.eventUs.assign(h.values.size(), std::nullopt);
+    auto line = logged.rbegin();
+    for (size_t i = h.values.size(); i > 0 && line != logged.rend(); --i, ++line) {
+        if (line->first != h.values[i - 1]) break;
+        h.eventUs[i - 1] = line->second + offsetUs;
+    }
 }
 
 class Reader {
@@ -142,6 +209,7 @@ public:
         for (std::string_view c : kConditions) {
             if (l->message == c) condition_[l->pid] = std::string(c);
         }
+        daemonLine(daemons_[l->pid], *l);
         if (report_ && l->pid == pid_ && l->tid == tid_) reportLine(number, l->message);
     }
 
@@ -149,6 +217,9 @@ public:
         if (!report_) return;
         closeOpenHistory();
         report_->endUs = reportTimeUs(report_->date, head_);
+        History& upl = report_->system.back();
+        if (upl.present)
+            timeEvents(upl, daemons_[pid_].badSamples, report_->endUs - stampUs(head_));
         out_.push_back(std::move(*report_));
         report_.reset();
     }
@@ -171,9 +242,13 @@ private:
             report_->condition = it->second;
             condition_.erase(it);
         }
+        const DaemonLines& d = daemons_[l.pid];
         for (const SystemHistory& h : kSystem) {
-            report_->system.push_back({h.name, h.slug, h.unit, {}, false});
+            History history = named(h.name, h.slug, h.unit);
+            setPeriod(history, d.memoryPeriod);
+            report_->system.push_back(std::move(history));
         }
+        report_->system.back().events = true;  // the bad latency samples
         head_ = l.at;
         pid_ = l.pid;
         tid_ = l.tid;
@@ -253,8 +328,10 @@ private:
         Process p;
         p.pid = static_cast<int>(pid);
         p.name = cleanText(message.substr(at + kName.size()));
-        p.rss = {"RSS", "rss", "kB", {}, false};
-        p.rswap = {"RSwap", "rswap", "kB", {}, false};
+        p.rss = named("RSS", "rss", "kB");
+        p.rswap = named("RSwap", "rswap", "kB");
+        setPeriod(p.rss, daemons_[pid_].processPeriod);
+        setPeriod(p.rswap, daemons_[pid_].processPeriod);
         process_ = static_cast<long>(report_->processes.size());
         report_->processes.push_back(std::move(p));
     }
@@ -277,6 +354,7 @@ private:
     FILE* notes_;
     std::vector<CrashReport>& out_;
     std::map<int, std::string> condition_;  // the last condition line of each pid
+    std::map<int, DaemonLines> daemons_;    // by pid
     std::optional<CrashReport> report_;
     Stamp head_;
     int pid_ = 0;

@@ -12,7 +12,7 @@
 namespace tavrendctl::report {
 namespace {
 
-constexpr int64_t kSampleUs = 1000000;  // one sample a second: the log holds no period
+constexpr int64_t kSecondUs = 1000000;
 constexpr size_t kChartedProcesses = 5;
 
 std::string escape(const std::string& s, bool xml) {
@@ -56,14 +56,16 @@ std::string reportTitle(const CrashReport& r, size_t index) {
 }
 
 // One counter event per sample of the histories, which share one track named
-// `name`, one series each; the newest samples are at the report's time.
+// `name`, one series each, and the first one's period; the newest samples are
+// at the report's time.
 void addCounters(std::string& out, size_t pid, const CrashReport& r, const std::string& name,
                  const std::vector<const History*>& series) {
     size_t n = 0;
     for (const History* h : series) n = std::max(n, h->values.size());
+    const int64_t periodUs = series.front()->periodSec * kSecondUs;
     char number[64];
     for (size_t i = 0; i < n; ++i) {
-        const int64_t ts = r.endUs - static_cast<int64_t>(n - 1 - i) * kSampleUs;
+        const int64_t ts = r.endUs - static_cast<int64_t>(n - 1 - i) * periodUs;
         snprintf(number, sizeof(number), "%zu,\"ts\":%" PRId64, pid, ts);
         out += ",\n{\"ph\":\"C\",\"name\":\"" + escape(name, false) + "\",\"pid\":" + number +
                ",\"args\":{";
@@ -81,12 +83,53 @@ void addCounters(std::string& out, size_t pid, const CrashReport& r, const std::
     }
 }
 
-// A line chart of `h` with its title and min/max labels; a dashed line marks
-// `baseline` when given.
+// One instant event per sample of an event history, at its logged time, else
+// at the report's time with "logged": false.
+void addEvents(std::string& out, size_t pid, const CrashReport& r, const History& h) {
+    char text[160];
+    for (size_t i = 0; i < h.values.size(); ++i) {
+        const bool logged = i < h.eventUs.size() && h.eventUs[i].has_value();
+        snprintf(text, sizeof(text),
+                 ",\n{\"ph\":\"i\",\"s\":\"p\",\"name\":\"%s\",\"pid\":%zu,\"ts\":%" PRId64
+                 ",\"args\":{\"%s\":%" PRIu64 "%s}}",
+                 h.name.c_str(), pid, logged ? *h.eventUs[i] : r.endUs, h.unit.c_str(), h.values[i],
+                 logged ? "" : ",\"logged\":false");
+        out += text;
+    }
+}
+
+// The x axis of a chart: for a series, seconds before the report at its
+// period; for events, their order.
+std::string xAxis(const History& h) {
+    char buf[400];
+    const size_t n = h.values.size();
+    if (h.events) {
+        snprintf(buf, sizeof(buf),
+                 "<text x=\"350\" y=\"184\" text-anchor=\"end\">%zu events, in the order "
+                 "received</text>\n",
+                 n);
+        return buf;
+    }
+    snprintf(buf, sizeof(buf),
+             "<text x=\"10\" y=\"164\">-%zu s</text>\n"
+             "<text x=\"180\" y=\"164\" text-anchor=\"middle\">seconds before the "
+             "report</text>\n"
+             "<text x=\"350\" y=\"164\" text-anchor=\"end\">0 s</text>\n"
+             "<text x=\"350\" y=\"184\" text-anchor=\"end\">%zu samples, %d s apart%s</text>\n",
+             (n - 1) * static_cast<size_t>(h.periodSec), n, h.periodSec,
+             h.periodLogged ? "" : " (no period in the log)");
+    return buf;
+}
+
+// A chart of `h` with its title, its lowest and highest sample and its x
+// axis: a line for a series, dots for events. A dashed line marks `baseline`
+// when given.
 std::string chart(const std::string& title, const History& h, const uint64_t* baseline) {
     constexpr double kLeft = 10, kRight = 350, kTop = 40, kBottom = 148;
-    uint64_t lo = *std::min_element(h.values.begin(), h.values.end());
-    uint64_t hi = *std::max_element(h.values.begin(), h.values.end());
+    const uint64_t low = *std::min_element(h.values.begin(), h.values.end());
+    const uint64_t high = *std::max_element(h.values.begin(), h.values.end());
+    uint64_t lo = low;
+    uint64_t hi = high;
     if (baseline != nullptr) {
         lo = std::min(lo, *baseline);
         hi = std::max(hi, *baseline);
@@ -104,20 +147,19 @@ std::string chart(const std::string& title, const History& h, const uint64_t* ba
     const char* unit = h.unit.c_str();
     char buf[512];
     std::string out =
-        "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"360\" height=\"180\" "
-        "viewBox=\"0 0 360 180\" font-family=\"sans-serif\" font-size=\"11\">\n"
-        "<rect width=\"360\" height=\"180\" fill=\"white\"/>\n"
+        "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"360\" height=\"192\" "
+        "viewBox=\"0 0 360 192\" font-family=\"sans-serif\" font-size=\"11\">\n"
+        "<rect width=\"360\" height=\"192\" fill=\"white\"/>\n"
         "<text x=\"10\" y=\"18\" font-size=\"13\" font-weight=\"bold\">" +
         escape(title, true) + "</text>\n";
     snprintf(buf, sizeof(buf),
              "<text x=\"10\" y=\"34\">max %" PRIu64
              " %s</text>\n"
-             "<text x=\"10\" y=\"164\">min %" PRIu64
+             "<text x=\"10\" y=\"184\">min %" PRIu64
              " %s</text>\n"
-             "<text x=\"350\" y=\"164\" text-anchor=\"end\">%zu samples, 1 s apart</text>\n"
              "<path d=\"M10 40H350M10 148H350\" stroke=\"#ddd\"/>\n",
-             hi, unit, lo, unit, n);
-    out += buf;
+             high, unit, low, unit);
+    out += buf + xAxis(h);
     if (baseline != nullptr) {
         snprintf(buf, sizeof(buf),
                  "<path d=\"M10 %.1fH350\" stroke=\"#999\" stroke-dasharray=\"4 3\"/>\n"
@@ -126,10 +168,14 @@ std::string chart(const std::string& title, const History& h, const uint64_t* ba
                  y(*baseline), *baseline, unit);
         out += buf;
     }
-    if (n == 1) {
-        snprintf(buf, sizeof(buf), "<circle cx=\"%.1f\" cy=\"%.1f\" r=\"3\" fill=\"#1a73e8\"/>\n",
-                 x(0), y(h.values[0]));
-        return out + buf + "</svg>\n";
+    if (n == 1 || h.events) {
+        for (size_t i = 0; i < n; ++i) {
+            snprintf(buf, sizeof(buf),
+                     "<circle cx=\"%.1f\" cy=\"%.1f\" r=\"3\" fill=\"#1a73e8\"/>\n", x(i),
+                     y(h.values[i]));
+            out += buf;
+        }
+        return out + "</svg>\n";
     }
     out += "<polyline fill=\"none\" stroke=\"#1a73e8\" stroke-width=\"1.5\" points=\"";
     for (size_t i = 0; i < n; ++i) {
@@ -162,7 +208,11 @@ bool writeTrace(const std::vector<CrashReport>& reports, const std::string& path
                "{\"ph\":\"M\",\"name\":\"process_name\",\"pid\":" + std::to_string(pid) +
                ",\"args\":{\"name\":\"" + escape(reportTitle(r, i), false) + "\"}}";
         for (const History& h : r.system) {
-            addCounters(out, pid, r, h.name, {&h});
+            if (h.events) {
+                addEvents(out, pid, r, h);
+            } else {
+                addCounters(out, pid, r, h.name, {&h});
+            }
         }
         for (const Process& p : r.processes) {
             addCounters(out, pid, r, p.name + " [" + std::to_string(p.pid) + "]",

@@ -13,6 +13,8 @@
 #include <set>
 #include <sstream>
 
+#include "ConfigRules.h"
+
 namespace tavrendctl::sim {
 namespace {
 
@@ -109,26 +111,6 @@ const Figures kDefaultMeminfo = {
 
 const char* const kLmkLabels[] = {"Persistent", "Fg", "Visible", "Perceptible", "Backup", "Other"};
 
-const char* const kZoneinfo =
-    "Node 0, zone    DMA32\n"
-    "  pages free     35584\n"
-    "        min      1024\n"
-    "        low      1280\n"
-    "        high     1536\n"
-    "        spanned  262144\n"
-    "        present  262144\n"
-    "        managed  258048\n"
-    "Node 0, zone   Normal\n"
-    "  pages free     120320\n"
-    "        min      3072\n"
-    "        low      3840\n"
-    "        high     4608\n"
-    "        spanned  786432\n"
-    "        present  786432\n"
-    "        managed  758784\n";
-
-const char* const kMinfree = "18432,23040,27648,32256,55296,80640\n";
-
 struct Json {
     cJSON* p = nullptr;
     explicit Json(cJSON* item) : p(item) {}
@@ -217,10 +199,30 @@ bool pair(const cJSON* item, const std::string& what, std::pair<double, double>&
     return true;
 }
 
+enum class Change { kSet, kAdd, kBad };
+
+// One figure: a number sets it; {"add": N}, where `adds` is given (in the
+// timeline), changes it by N.
+Change figureChange(const cJSON* item, const std::string& at, const std::string& name,
+                    uint64_t& set, Adds* adds, std::string& error) {
+    if (adds == nullptr || !cJSON_IsObject(item)) {
+        return kb(item, at, set, error) ? Change::kSet : Change::kBad;
+    }
+    double by = 0;
+    if (!onlyKeys(item, at, {"add"}, error) ||
+        !number(cJSON_GetObjectItemCaseSensitive(item, "add"), at + ".add", -kMaxKb, kMaxKb, true,
+                by, error)) {
+        return Change::kBad;
+    }
+    (*adds)[name] = static_cast<int64_t>(by);
+    return Change::kAdd;
+}
+
 // Sets figures of `into` from the object `item`; new names are appended, or
-// refused when `allowed` lists the only names.
+// refused when `allowed` lists the only names. Changes by an amount go to
+// `adds` when given.
 bool figures(const cJSON* item, const std::string& what, const std::vector<std::string>* allowed,
-             Figures& into, std::string& error) {
+             Figures& into, Adds* adds, std::string& error) {
     if (!cJSON_IsObject(item)) {
         error = what + " must be an object of numbers";
         return false;
@@ -245,7 +247,9 @@ bool figures(const cJSON* item, const std::string& what, const std::vector<std::
         std::string at = what;
         at += '.';
         at += name;
-        if (!kb(child, at, v, error)) return false;
+        const Change change = figureChange(child, at, name, v, adds, error);
+        if (change == Change::kBad) return false;
+        if (change == Change::kAdd) continue;
         auto it =
             std::find_if(into.begin(), into.end(), [&](const auto& f) { return f.first == name; });
         if (it == into.end()) {
@@ -257,11 +261,15 @@ bool figures(const cJSON* item, const std::string& what, const std::vector<std::
     return true;
 }
 
+bool startsWith(const std::string& s, const char* prefix) {
+    return s.compare(0, strlen(prefix), prefix) == 0;
+}
+
 std::vector<std::string> lmkLabels() { return {std::begin(kLmkLabels), std::end(kLmkLabels)}; }
 
 // A process object: `fields` gets the names of the keys given.
 bool process(const cJSON* item, const std::string& what, Process& p,
-             std::vector<std::string>& fields, std::string& error) {
+             std::vector<std::string>& fields, Adds* adds, std::string& error) {
     if (!onlyKeys(item, what,
                   {"pid", "name", "cmdline", "rss_kb", "swap_kb", "pss_kb", "graphics_kb"},
                   error)) {
@@ -279,8 +287,10 @@ bool process(const cJSON* item, const std::string& what, Process& p,
         std::string at = what;
         at += '.';
         at += key;
-        fields.push_back(key);
-        if (key == "pid") continue;
+        if (key == "pid") {
+            fields.push_back(key);
+            continue;
+        }
         if (key == "name" || key == "cmdline") {
             if (!cJSON_IsString(child)) {
                 error = at + " must be a string";
@@ -296,26 +306,14 @@ bool process(const cJSON* item, const std::string& what, Process& p,
                 return false;
             }
             (key == "name" ? p.name : p.cmdline) = text;
+            fields.push_back(key);
             continue;
         }
-        uint64_t* target = key == "rss_kb"    ? &p.rssKb
-                           : key == "swap_kb" ? &p.swapKb
-                           : key == "pss_kb"  ? &p.pssKb
-                                              : &p.graphicsKb;
-        if (!kb(child, at, *target, error)) return false;
+        const Change change = figureChange(child, at, key, *processFigure(p, key), adds, error);
+        if (change == Change::kBad) return false;
+        if (change == Change::kSet) fields.push_back(key);
     }
     return true;
-}
-
-bool has(const std::vector<std::string>& fields, const char* key) {
-    return std::find(fields.begin(), fields.end(), key) != fields.end();
-}
-
-// A new process's figures where the scenario leaves them out.
-void completeNewProcess(Process& p, const std::vector<std::string>& fields) {
-    if (!has(fields, "rss_kb")) p.rssKb = 4096;
-    if (!has(fields, "pss_kb")) p.pssKb = p.rssKb * 2 / 3;
-    if (!has(fields, "cmdline")) p.cmdline = p.name;
 }
 
 // Merges `patch` into `base`: objects key by key, anything else replaced.
@@ -335,6 +333,23 @@ void merge(cJSON* base, const cJSON* patch) {
             cJSON_AddItemToObject(base, child->string, copy);
         }
     }
+}
+
+// The configuration as the daemon will read it, and the guardrail rows, by
+// check-config's rules: a key or section the daemon does not know is a
+// mistake; other findings (but the keys it never acts on) are warnings.
+bool checkConfig(const cJSON* config, const cJSON* guardrails, Scenario& s, std::string& error) {
+    for (const ConfigFinding& f : checkConfigObjects(config, guardrails)) {
+        const bool row = startsWith(f.key, "processes");
+        const std::string where =
+            row ? "guardrails" + f.key.substr(strlen("processes")) : "config." + f.key;
+        if (f.unknown) {
+            error = where + " is not known to the daemon: " + f.message;
+            return false;
+        }
+        if (!f.inert) s.configWarnings.push_back(where + ": " + f.message);
+    }
+    return true;
 }
 
 bool loadConfig(const cJSON* root, Scenario& s, std::string& error) {
@@ -366,6 +381,10 @@ bool loadConfig(const cJSON* root, Scenario& s, std::string& error) {
     if (cJSON_IsNumber(interval) && interval->valuedouble >= 1 && interval->valuedouble < 1e9) {
         s.memoryReadIntervalSec = static_cast<int>(interval->valuedouble);
     }
+    // The counts that decide a condition, as the daemon's loader stores them.
+    const tavrend::ConfigVariables effective = effectiveConfig(config.p);
+    s.lmkTargetKills = std::max(1, effective.lmk_target_kills);
+    s.uplBadSampleThreshold = std::max(1, effective.critical_upl_bad_sample_count_threshold);
 
     const cJSON* metric = cJSON_GetObjectItemCaseSensitive(root, "metric_config");
     if (metric != nullptr) {
@@ -386,7 +405,7 @@ bool loadConfig(const cJSON* root, Scenario& s, std::string& error) {
         cJSON_AddItemToObject(file.p, "processes", cJSON_Duplicate(guardrails, 1));
         s.guardrailText = printed(file.p);
     }
-    return true;
+    return checkConfig(config.p, guardrails, s, error);
 }
 
 bool loadDevice(const cJSON* device, Scenario& s, std::string& error) {
@@ -397,12 +416,13 @@ bool loadDevice(const cJSON* device, Scenario& s, std::string& error) {
         return false;
     }
     const cJSON* item = cJSON_GetObjectItemCaseSensitive(device, "meminfo");
-    if (item != nullptr && !figures(item, "device.meminfo", nullptr, s.meminfo, error)) {
+    if (item != nullptr && !figures(item, "device.meminfo", nullptr, s.meminfo, nullptr, error)) {
         return false;
     }
     const std::vector<std::string> labels = lmkLabels();
     item = cJSON_GetObjectItemCaseSensitive(device, "lmk_stats");
-    if (item != nullptr && !figures(item, "device.lmk_stats", &labels, s.lmkStats, error)) {
+    if (item != nullptr &&
+        !figures(item, "device.lmk_stats", &labels, s.lmkStats, nullptr, error)) {
         return false;
     }
     item = cJSON_GetObjectItemCaseSensitive(device, "user_active");
@@ -419,7 +439,7 @@ bool loadDevice(const cJSON* device, Scenario& s, std::string& error) {
         const std::string what = "device.processes[" + std::to_string(i++) + "]";
         Process p;
         std::vector<std::string> fields;
-        if (!process(child, what, p, fields, error)) return false;
+        if (!process(child, what, p, fields, nullptr, error)) return false;
         if (p.name.empty()) {
             error = what + " needs a name";
             return false;
@@ -488,15 +508,15 @@ bool loadEvent(const cJSON* item, const std::string& what, double endSec, Event&
     if (key == "lmk_stats") {
         e.kind = Event::Kind::Lmk;
         const std::vector<std::string> labels = lmkLabels();
-        return figures(change, at, &labels, e.figures, error);
+        return figures(change, at, &labels, e.figures, &e.adds, error);
     }
     if (key == "meminfo") {
         e.kind = Event::Kind::Meminfo;
-        return figures(change, at, nullptr, e.figures, error);
+        return figures(change, at, nullptr, e.figures, &e.adds, error);
     }
     if (key == "process") {
         e.kind = Event::Kind::Process;
-        return process(change, at, e.process, e.processFields, error);
+        return process(change, at, e.process, e.processFields, &e.adds, error);
     }
     if (key == "exit") {
         e.kind = Event::Kind::Exit;
@@ -555,23 +575,30 @@ bool checkTimeline(const Scenario& s, std::string& error) {
     return true;
 }
 
-bool loadExpect(const cJSON* item, Expect& x, std::string& error) {
-    if (item == nullptr) return true;
-    if (!onlyKeys(item, "expect",
-                  {"condition", "detected_between", "reboot", "reboot_between", "killed",
-                   "metric_records", "ends", "kill_totals", "upl_total", "daemon_flat"},
-                  error)) {
+// One of `choices`, as a string.
+bool oneOf(const cJSON* v, const std::string& what, std::initializer_list<const char*> choices,
+           const std::string& wanted, std::string& out, std::string& error) {
+    const bool ok = cJSON_IsString(v) && std::any_of(choices.begin(), choices.end(), [&](auto c) {
+                        return strcmp(v->valuestring, c) == 0;
+                    });
+    if (!ok) {
+        error = what + " must be " + wanted;
         return false;
     }
+    out = v->valuestring;
+    return true;
+}
+
+// When the condition comes, and the reboot.
+bool loadExpectTimes(const cJSON* item, Expect& x, std::string& error) {
     const cJSON* v = cJSON_GetObjectItemCaseSensitive(item, "condition");
+    std::string text;
     if (v != nullptr) {
-        if (!cJSON_IsString(v) ||
-            (strcmp(v->valuestring, "none") != 0 && strcmp(v->valuestring, "memory") != 0 &&
-             strcmp(v->valuestring, "latency") != 0)) {
-            error = "expect.condition must be \"none\", \"memory\" or \"latency\"";
+        if (!oneOf(v, "expect.condition", {"none", "memory", "latency"},
+                   "\"none\", \"memory\" or \"latency\"", text, error)) {
             return false;
         }
-        x.condition = v->valuestring;
+        x.condition = text;
     }
     std::pair<double, double> range;
     if ((v = cJSON_GetObjectItemCaseSensitive(item, "detected_between")) != nullptr) {
@@ -587,41 +614,6 @@ bool loadExpect(const cJSON* item, Expect& x, std::string& error) {
         if (!boolean(v, "expect.reboot", b, error)) return false;
         x.reboot = b;
     }
-    if ((v = cJSON_GetObjectItemCaseSensitive(item, "killed")) != nullptr) {
-        if (!cJSON_IsObject(v)) {
-            error = "expect.killed must be an object {\"NAME\": \"hard\"|\"idle\"|\"hard,idle\"}";
-            return false;
-        }
-        std::map<std::string, std::string> killed;
-        const cJSON* k = nullptr;
-        cJSON_ArrayForEach(k, v) {
-            if (!cJSON_IsString(k) ||
-                (strcmp(k->valuestring, "hard") != 0 && strcmp(k->valuestring, "idle") != 0 &&
-                 strcmp(k->valuestring, "hard,idle") != 0)) {
-                error = std::string("expect.killed.") + k->string +
-                        " must be \"hard\", \"idle\" or \"hard,idle\"";
-                return false;
-            }
-            killed[k->string] = k->valuestring;
-        }
-        x.killed = killed;
-    }
-    if ((v = cJSON_GetObjectItemCaseSensitive(item, "metric_records")) != nullptr) {
-        std::vector<std::string> records;
-        const cJSON* r = nullptr;
-        if (!cJSON_IsArray(v)) {
-            error = "expect.metric_records must be an array of strings";
-            return false;
-        }
-        cJSON_ArrayForEach(r, v) {
-            if (!cJSON_IsString(r)) {
-                error = "expect.metric_records must be an array of strings";
-                return false;
-            }
-            records.emplace_back(r->valuestring);
-        }
-        x.metricRecords = records;
-    }
     if ((v = cJSON_GetObjectItemCaseSensitive(item, "ends")) != nullptr) {
         if (!cJSON_IsString(v) || strlen(v->valuestring) == 0) {
             error =
@@ -631,7 +623,27 @@ bool loadExpect(const cJSON* item, Expect& x, std::string& error) {
         }
         x.ends = v->valuestring;
     }
-    double n = 0;
+    return true;
+}
+
+// Who is killed, and how often.
+bool loadExpectKills(const cJSON* item, Expect& x, std::string& error) {
+    const cJSON* v = cJSON_GetObjectItemCaseSensitive(item, "killed");
+    if (v != nullptr) {
+        if (!cJSON_IsObject(v)) {
+            error = "expect.killed must be an object {\"NAME\": \"hard\"|\"idle\"|\"hard,idle\"}";
+            return false;
+        }
+        std::map<std::string, std::string> killed;
+        const cJSON* k = nullptr;
+        cJSON_ArrayForEach(k, v) {
+            if (!oneOf(k, std::string("expect.killed.") + k->string, {"hard", "idle", "hard,idle"},
+                       "\"hard\", \"idle\" or \"hard,idle\"", killed[k->string], error)) {
+                return false;
+            }
+        }
+        x.killed = killed;
+    }
     if ((v = cJSON_GetObjectItemCaseSensitive(item, "kill_totals")) != nullptr) {
         if (!cJSON_IsObject(v)) {
             error = "expect.kill_totals must be an object {\"NAME\": KILLS}";
@@ -639,6 +651,7 @@ bool loadExpect(const cJSON* item, Expect& x, std::string& error) {
         }
         std::map<std::string, long> totals;
         const cJSON* k = nullptr;
+        double n = 0;
         cJSON_ArrayForEach(k, v) {
             if (!number(k, std::string("expect.kill_totals.") + k->string, 0, 1e9, true, n,
                         error)) {
@@ -648,103 +661,67 @@ bool loadExpect(const cJSON* item, Expect& x, std::string& error) {
         }
         x.killTotals = totals;
     }
+    return true;
+}
+
+// The metric records, the latency samples counted, the daemon's own figures.
+bool loadExpectRecords(const cJSON* item, Expect& x, std::string& error) {
+    const cJSON* v = cJSON_GetObjectItemCaseSensitive(item, "metric_records");
+    if (v != nullptr) {
+        std::vector<std::string> records;
+        const cJSON* r = nullptr;
+        bool strings = cJSON_IsArray(v);
+        cJSON_ArrayForEach(r, v) {
+            strings = strings && cJSON_IsString(r);
+            if (strings) records.emplace_back(r->valuestring);
+        }
+        if (!strings) {
+            error = "expect.metric_records must be an array of strings";
+            return false;
+        }
+        x.metricRecords = records;
+    }
+    double n = 0;
     if ((v = cJSON_GetObjectItemCaseSensitive(item, "upl_total")) != nullptr) {
         if (!number(v, "expect.upl_total", 0, 1e9, true, n, error)) return false;
         x.uplTotal = static_cast<long>(n);
     }
-    if ((v = cJSON_GetObjectItemCaseSensitive(item, "daemon_flat")) != nullptr) {
-        if (!onlyKeys(v, "expect.daemon_flat", {"from", "fds", "vmrss_kb"}, error)) return false;
-        Expect::Flat flat;
-        const cJSON* from = cJSON_GetObjectItemCaseSensitive(v, "from");
-        if (from != nullptr &&
-            !number(from, "expect.daemon_flat.from", 0, kMaxSeconds, false, flat.fromSec, error)) {
+    if ((v = cJSON_GetObjectItemCaseSensitive(item, "daemon_flat")) == nullptr) return true;
+    if (!onlyKeys(v, "expect.daemon_flat", {"from", "fds", "vmrss_kb"}, error)) return false;
+    Expect::Flat flat;
+    const cJSON* from = cJSON_GetObjectItemCaseSensitive(v, "from");
+    if (from != nullptr &&
+        !number(from, "expect.daemon_flat.from", 0, kMaxSeconds, false, flat.fromSec, error)) {
+        return false;
+    }
+    for (const char* key : {"fds", "vmrss_kb"}) {
+        const cJSON* limit = cJSON_GetObjectItemCaseSensitive(v, key);
+        if (limit == nullptr) continue;
+        if (!number(limit, std::string("expect.daemon_flat.") + key, 0, 1e9, true, n, error)) {
             return false;
         }
-        for (const char* key : {"fds", "vmrss_kb"}) {
-            const cJSON* limit = cJSON_GetObjectItemCaseSensitive(v, key);
-            if (limit == nullptr) continue;
-            if (!number(limit, std::string("expect.daemon_flat.") + key, 0, 1e9, true, n, error)) {
-                return false;
-            }
-            (strcmp(key, "fds") == 0 ? flat.fds : flat.vmrssKb) = static_cast<long>(n);
-        }
-        x.daemonFlat = flat;
+        (strcmp(key, "fds") == 0 ? flat.fds : flat.vmrssKb) = static_cast<long>(n);
     }
+    x.daemonFlat = flat;
     return true;
 }
 
-bool writeFile(const std::string& path, const std::string& content, std::string& error) {
-    std::error_code ec;
-    fs::create_directories(fs::path(path).parent_path(), ec);
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
-    out.close();
-    if (!out) {
-        error = "cannot write " + path;
-        return false;
-    }
-    return true;
+bool loadExpect(const cJSON* item, Expect& x, std::string& error) {
+    if (item == nullptr) return true;
+    return onlyKeys(item, "expect",
+                    {"condition", "detected_between", "reboot", "reboot_between", "killed",
+                     "metric_records", "ends", "kill_totals", "upl_total", "daemon_flat"},
+                    error) &&
+           loadExpectTimes(item, x, error) && loadExpectKills(item, x, error) &&
+           loadExpectRecords(item, x, error);
 }
 
-std::string statusText(const Process& p) {
-    std::ostringstream s;
-    s << "Name:\t" << p.name << "\nUmask:\t0022\nState:\tS (sleeping)\nTgid:\t" << p.pid
-      << "\nPid:\t" << p.pid << "\nPPid:\t1\nVmPeak:\t" << p.rssKb * 2 << " kB\nVmSize:\t"
-      << p.rssKb * 2 << " kB\nVmHWM:\t" << p.rssKb << " kB\nVmRSS:\t" << p.rssKb
-      << " kB\nRssAnon:\t" << p.rssKb / 2 << " kB\nVmSwap:\t" << p.swapKb << " kB\nThreads:\t4\n";
-    return s.str();
-}
-
-std::string rollupText(const Process& p) {
-    std::ostringstream s;
-    s << "00400000-7ffc0000000 ---p 00000000 00:00 0                          [rollup]\nRss:  "
-      << p.rssKb << " kB\nPss:  " << p.pssKb << " kB\nPss_Anon:  " << p.pssKb / 2
-      << " kB\nPss_File:  " << p.pssKb / 2 << " kB\nSwapPss:  " << p.swapKb << " kB\n";
-    return s.str();
-}
-
-std::string memtrackText(const Process& p) {
-    return std::to_string(p.graphicsKb * 1024) + " 0 0\n";
-}
-
-}  // namespace
-
-std::string meminfoText(const Figures& f) {
-    std::string out;
-    for (const auto& [name, v] : f) {
-        char line[96];
-        snprintf(line, sizeof(line), "%-15s %10llu kB\n", (name + ":").c_str(),
-                 static_cast<unsigned long long>(v));
-        out += line;
-    }
-    return out;
-}
-
-std::string lmkStatsText(const Figures& f) {
-    std::string out;
-    for (const auto& [name, v] : f) out += name + ": " + std::to_string(v) + "\n";
-    return out;
-}
-
-bool writeFileAtomic(const std::string& root, const std::string& devicePath,
-                     const std::string& content, std::string& error) {
-    const std::string tmp = root + "/.sim-stage/file.tmp";
-    if (!writeFile(tmp, content, error)) return false;
-    const std::string target = root + devicePath;
-    std::error_code ec;
-    fs::create_directories(fs::path(target).parent_path(), ec);
-    if (rename(tmp.c_str(), target.c_str()) != 0) {
-        error = "cannot replace " + target + ": " + strerror(errno);
-        return false;
-    }
-    return true;
-}
-
-bool loadScenario(const std::string& path, Scenario& s, std::string& error) {
+// The scenario file's JSON value, or null with `error` set.
+cJSON* readJson(const std::string& path, std::string& error) {
     std::ifstream in(path, std::ios::binary);
     if (!in) {
         error = "cannot read " + path;
-        return false;
+        return nullptr;
     }
     std::string text;
     text.resize(kMaxScenarioBytes + 1);
@@ -752,7 +729,7 @@ bool loadScenario(const std::string& path, Scenario& s, std::string& error) {
     text.resize(static_cast<size_t>(in.gcount()));
     if (text.size() > kMaxScenarioBytes) {
         error = path + " is larger than 4 MiB";
-        return false;
+        return nullptr;
     }
     const char* end = nullptr;
     Json root(cJSON_ParseWithLengthOpts(text.data(), text.size(), &end, false));
@@ -762,22 +739,23 @@ bool loadScenario(const std::string& path, Scenario& s, std::string& error) {
             bad != nullptr && bad >= text.data() && bad <= text.data() + text.size();
         error = path + " is not valid JSON" +
                 (inside ? " (near byte " + std::to_string(bad - text.data()) + ")" : "");
-        return false;
+        return nullptr;
     }
     while (end != nullptr && end < text.data() + text.size() &&
            isspace(static_cast<unsigned char>(*end)))
         ++end;
     if (end != nullptr && end != text.data() + text.size()) {
         error = path + " has text after the JSON value";
-        return false;
+        return nullptr;
     }
-    if (!onlyKeys(root.p, "the scenario",
-                  {"description", "scale", "end_sec", "config", "metric_config", "guardrails",
-                   "device", "upl_clients", "timeline", "expect"},
-                  error)) {
-        return false;
-    }
-    const cJSON* item = cJSON_GetObjectItemCaseSensitive(root.p, "description");
+    cJSON* out = root.p;  // handed over to the caller
+    root.p = nullptr;
+    return out;
+}
+
+// The scenario's own settings: description, scale, end, boot uptime, latency clients.
+bool loadSettings(const cJSON* root, Scenario& s, std::string& error) {
+    const cJSON* item = cJSON_GetObjectItemCaseSensitive(root, "description");
     if (item != nullptr) {
         if (!cJSON_IsString(item)) {
             error = "description must be a string";
@@ -785,205 +763,77 @@ bool loadScenario(const std::string& path, Scenario& s, std::string& error) {
         }
         s.description = item->valuestring;
     }
-    item = cJSON_GetObjectItemCaseSensitive(root.p, "scale");
+    item = cJSON_GetObjectItemCaseSensitive(root, "scale");
     if (item != nullptr) {
         double scale = 0;
         if (!number(item, "scale", 0.001, 100000, false, scale, error)) return false;
         s.scale = scale;
     }
-    item = cJSON_GetObjectItemCaseSensitive(root.p, "end_sec");
+    item = cJSON_GetObjectItemCaseSensitive(root, "end_sec");
     if (item == nullptr) {
         error = "end_sec (the simulated second at which the run ends) is missing";
         return false;
     }
     if (!number(item, "end_sec", 1, kMaxSeconds, false, s.endSec, error)) return false;
-    item = cJSON_GetObjectItemCaseSensitive(root.p, "upl_clients");
+    item = cJSON_GetObjectItemCaseSensitive(root, "boot_uptime_sec");
+    if (item != nullptr) {
+        double uptime = 0;
+        if (!number(item, "boot_uptime_sec", 0, kMaxSeconds, true, uptime, error)) return false;
+        s.bootUptimeSec = static_cast<long>(uptime);
+    }
+    item = cJSON_GetObjectItemCaseSensitive(root, "upl_clients");
     if (item != nullptr) {
         double clients = 0;
         if (!number(item, "upl_clients", 1, kMaxUplClients, true, clients, error)) return false;
         s.uplClients = static_cast<int>(clients);
     }
-    if (!loadConfig(root.p, s, error)) return false;
-    if (!loadDevice(cJSON_GetObjectItemCaseSensitive(root.p, "device"), s, error)) return false;
+    return true;
+}
 
-    item = cJSON_GetObjectItemCaseSensitive(root.p, "timeline");
-    if (item != nullptr) {
-        if (!cJSON_IsArray(item)) {
-            error = "timeline must be an array of events";
+// The timeline, its repeats spelled out, in time order.
+bool loadTimeline(const cJSON* item, Scenario& s, std::string& error) {
+    if (item != nullptr && !cJSON_IsArray(item)) {
+        error = "timeline must be an array of events";
+        return false;
+    }
+    int i = 0;
+    const cJSON* child = nullptr;
+    cJSON_ArrayForEach(child, item) {
+        Event e;
+        double every = 0;
+        int times = 1;
+        if (!loadEvent(child, "timeline[" + std::to_string(i++) + "]", s.endSec, e, every, times,
+                       error)) {
             return false;
         }
-        int i = 0;
-        const cJSON* child = nullptr;
-        cJSON_ArrayForEach(child, item) {
-            Event e;
-            double every = 0;
-            int times = 1;
-            if (!loadEvent(child, "timeline[" + std::to_string(i++) + "]", s.endSec, e, every,
-                           times, error)) {
-                return false;
-            }
-            if (s.timeline.size() + static_cast<size_t>(times) > kMaxEvents) {
-                error = "the timeline has more than " + std::to_string(kMaxEvents) +
-                        " events once its repeats are counted";
-                return false;
-            }
-            for (int k = 0; k < times; ++k) {
-                s.timeline.push_back(e);
-                s.timeline.back().at = e.at + every * k;
-            }
+        if (s.timeline.size() + static_cast<size_t>(times) > kMaxEvents) {
+            error = "the timeline has more than " + std::to_string(kMaxEvents) +
+                    " events once its repeats are counted";
+            return false;
+        }
+        for (int k = 0; k < times; ++k) {
+            s.timeline.push_back(e);
+            s.timeline.back().at = e.at + every * k;
         }
     }
     std::stable_sort(s.timeline.begin(), s.timeline.end(),
                      [](const Event& a, const Event& b) { return a.at < b.at; });
-    if (!checkTimeline(s, error)) return false;
-    return loadExpect(cJSON_GetObjectItemCaseSensitive(root.p, "expect"), s.expect, error);
+    return checkTimeline(s, error);
 }
 
-bool writeDeviceRoot(const std::string& root, const Scenario& s, std::string& error) {
-    const std::string etc = root + "/system/etc/tavrend/";
-    std::error_code ec;
-    for (const char* dir : {"/sys/kernel/dravik", "/data/system/tavrend", "/dev/memtrack",
-                            "/dev/__properties__", "/proc", "/.sim-stage"}) {
-        fs::create_directories(root + dir, ec);
-        if (ec) {
-            error = "cannot create " + root + dir + ": " + ec.message();
-            return false;
-        }
-    }
-    if (!writeFile(etc + "tavrend_config.json", s.configText, error) ||
-        !writeFile(etc + "tavrend_metric_config.json", s.metricConfigText, error) ||
-        (s.guardrailText &&
-         !writeFile(etc + "tavrend_memory_guardrail.json", *s.guardrailText, error)) ||
-        !writeFile(root + "/proc/meminfo", meminfoText(s.meminfo), error) ||
-        !writeFile(root + "/proc/zoneinfo", kZoneinfo, error) ||
-        !writeFile(root + "/proc/lmk_stats", lmkStatsText(s.lmkStats), error) ||
-        !writeFile(root + "/sys/module/lowmemorykiller/parameters/minfree", kMinfree, error) ||
-        !writeFile(root + "/dev/__properties__/sys.user_activity_detected",
-                   s.userActive ? "true\n" : "false\n", error)) {
-        return false;
-    }
-    DeviceState state(root, s);
-    for (const auto& [pid, p] : s.processes) {
-        Event e;
-        e.kind = Event::Kind::Process;
-        e.process = p;
-        e.processFields = {"pid", "name", "cmdline", "rss_kb", "swap_kb", "pss_kb", "graphics_kb"};
-        if (!state.apply(e, error)) return false;
-    }
-    return true;
-}
+}  // namespace
 
-std::optional<std::string> DeviceState::holder(int pid) const {
-    const auto it = processes_.find(pid);
-    if (it == processes_.end()) return std::nullopt;
-    return it->second.name;
-}
-
-void DeviceState::killed(int pid) {
-    processes_.erase(pid);
-    std::error_code ec;
-    fs::remove(root_ + "/dev/memtrack/" + std::to_string(pid), ec);
-}
-
-DeviceState::DeviceState(std::string root, const Scenario& s)
-    : root_(std::move(root)),
-      meminfo_(s.meminfo),
-      lmkStats_(s.lmkStats),
-      processes_(s.processes),
-      userActive_(s.userActive) {}
-
-bool DeviceState::writeProcess(const Process& p, std::string& error) {
-    const std::string dir = "/proc/" + std::to_string(p.pid);
-    std::error_code ec;
-    if (!fs::exists(root_ + dir, ec)) {
-        // A new process appears whole: built aside, then moved in.
-        const std::string stage = root_ + "/.sim-stage/" + std::to_string(p.pid);
-        fs::remove_all(stage, ec);
-        if (!writeFile(stage + "/comm", p.name + "\n", error) ||
-            !writeFile(stage + "/cmdline", p.cmdline, error) ||
-            !writeFile(stage + "/status", statusText(p), error) ||
-            !writeFile(stage + "/smaps_rollup", rollupText(p), error)) {
-            return false;
-        }
-        if (rename(stage.c_str(), (root_ + dir).c_str()) != 0) {
-            error = "cannot create " + root_ + dir + ": " + strerror(errno);
-            return false;
-        }
-    } else if (!writeFileAtomic(root_, dir + "/comm", p.name + "\n", error) ||
-               !writeFileAtomic(root_, dir + "/cmdline", p.cmdline, error) ||
-               !writeFileAtomic(root_, dir + "/status", statusText(p), error) ||
-               !writeFileAtomic(root_, dir + "/smaps_rollup", rollupText(p), error)) {
-        return false;
-    }
-    return writeFileAtomic(root_, "/dev/memtrack/" + std::to_string(p.pid), memtrackText(p), error);
-}
-
-bool DeviceState::apply(const Event& e, std::string& error) {
-    switch (e.kind) {
-        case Event::Kind::Lmk:
-        case Event::Kind::Meminfo: {
-            Figures& f = e.kind == Event::Kind::Lmk ? lmkStats_ : meminfo_;
-            for (const auto& [name, v] : e.figures) {
-                auto it = std::find_if(f.begin(), f.end(),
-                                       [&, &n = name](const auto& x) { return x.first == n; });
-                if (it == f.end()) {
-                    f.emplace_back(name, v);
-                } else {
-                    it->second = v;
-                }
-            }
-            return e.kind == Event::Kind::Lmk
-                       ? writeFileAtomic(root_, "/proc/lmk_stats", lmkStatsText(f), error)
-                       : writeFileAtomic(root_, "/proc/meminfo", meminfoText(f), error);
-        }
-        case Event::Kind::Process: {
-            auto it = processes_.find(e.process.pid);
-            const std::vector<std::string>& fields = e.processFields;
-            std::error_code ec;
-            if (it != processes_.end() &&
-                !fs::exists(root_ + "/proc/" + std::to_string(e.process.pid), ec)) {
-                // The daemon killed it: a name starts a new process on the id,
-                // new figures for the dead one are dropped.
-                processes_.erase(it);
-                it = processes_.end();
-            }
-            if (it == processes_.end() && !has(fields, "name")) return true;
-            if (it == processes_.end()) {
-                Process p = e.process;
-                completeNewProcess(p, fields);
-                it = processes_.emplace(p.pid, p).first;
-            } else {
-                Process& p = it->second;
-                const Process& q = e.process;
-                if (has(fields, "name")) {
-                    // Another program on the same id: a fresh command line too.
-                    if (q.name != p.name && !has(fields, "cmdline")) p.cmdline = q.name;
-                    p.name = q.name;
-                }
-                if (has(fields, "cmdline")) p.cmdline = q.cmdline;
-                if (has(fields, "rss_kb")) p.rssKb = q.rssKb;
-                if (has(fields, "swap_kb")) p.swapKb = q.swapKb;
-                if (has(fields, "pss_kb")) p.pssKb = q.pssKb;
-                if (has(fields, "graphics_kb")) p.graphicsKb = q.graphicsKb;
-            }
-            return writeProcess(it->second, error);
-        }
-        case Event::Kind::Exit: {
-            processes_.erase(e.pid);
-            std::error_code ec;
-            // Already gone when the daemon killed it.
-            fs::remove_all(root_ + "/proc/" + std::to_string(e.pid), ec);
-            fs::remove(root_ + "/dev/memtrack/" + std::to_string(e.pid), ec);
-            return true;
-        }
-        case Event::Kind::UserActive:
-            userActive_ = e.flag;
-            return writeFileAtomic(root_, "/dev/__properties__/sys.user_activity_detected",
-                                   e.flag ? "true\n" : "false\n", error);
-        case Event::Kind::Upl:
-        case Event::Kind::Sigterm: break;
-    }
-    return true;
+bool loadScenario(const std::string& path, Scenario& s, std::string& error) {
+    const Json root(readJson(path, error));
+    if (root.p == nullptr) return false;
+    return onlyKeys(root.p, "the scenario",
+                    {"description", "scale", "end_sec", "config", "metric_config", "guardrails",
+                     "device", "upl_clients", "timeline", "expect", "boot_uptime_sec"},
+                    error) &&
+           loadSettings(root.p, s, error) && loadConfig(root.p, s, error) &&
+           loadDevice(cJSON_GetObjectItemCaseSensitive(root.p, "device"), s, error) &&
+           loadTimeline(cJSON_GetObjectItemCaseSensitive(root.p, "timeline"), s, error) &&
+           loadExpect(cJSON_GetObjectItemCaseSensitive(root.p, "expect"), s.expect, error);
 }
 
 }  // namespace tavrendctl::sim

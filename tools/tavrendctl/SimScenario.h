@@ -13,6 +13,9 @@ namespace tavrendctl::sim {
 
 // Figures kept in the order they are written, e.g. /proc/meminfo's lines.
 using Figures = std::vector<std::pair<std::string, uint64_t>>;
+// Figures changed by an amount, {"add": N} in the timeline, by name. A figure
+// never goes below 0.
+using Adds = std::map<std::string, int64_t>;
 
 struct Process {
     int pid = 0;
@@ -29,6 +32,7 @@ struct Event {
     double at = 0;
     Kind kind = Kind::Sigterm;
     Figures figures;                         // Lmk, Meminfo
+    Adds adds;                               // Lmk, Meminfo, Process (after the figures set)
     Process process;                         // Process (only the fields given are set...)
     std::vector<std::string> processFields;  // ...named here
     int pid = 0;                             // Exit
@@ -62,11 +66,15 @@ struct Scenario {
     std::string description;
     std::optional<double> scale;
     double endSec = 0;
-    std::string configText;  // the merged daemon configuration, as written
+    long bootUptimeSec = 0;                   // the device's uptime when the run starts
+    std::string configText;                   // the merged daemon configuration, as written
+    std::vector<std::string> configWarnings;  // check-config's findings on it and the rows
     std::string metricConfigText;
     std::optional<std::string> guardrailText;
     bool guardrailsEnabled = false;  // as the merged configuration says
     int memoryReadIntervalSec = 1;   // likewise (at least 1)
+    long lmkTargetKills = 0;         // likewise: the counts that decide a condition
+    long uplBadSampleThreshold = 0;
     Figures meminfo;
     Figures lmkStats;
     std::map<int, Process> processes;
@@ -102,6 +110,16 @@ private:
     std::map<int, Process> processes_;
     bool userActive_;
 };
+
+// The figure of `p` a scenario key names ("rss_kb", ...), or null.
+uint64_t* processFigure(Process& p, const std::string& key);
+// `v` changed by `by`, at least 0.
+uint64_t added(uint64_t v, int64_t by);
+
+// Whether `fields` names `key`.
+bool has(const std::vector<std::string>& fields, const char* key);
+// A new process's figures where the scenario leaves them out.
+void completeNewProcess(Process& p, const std::vector<std::string>& fields);
 
 // Files of the device root, shared by the writer and the changes.
 std::string meminfoText(const Figures& f);

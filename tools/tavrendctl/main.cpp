@@ -9,6 +9,7 @@
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <cutils/properties.h>
+#include <sys/stat.h>
 
 #include <cctype>
 #include <cerrno>
@@ -42,9 +43,10 @@ int usage(FILE* out = stderr, int status = 2) {
             "       tavrendctl call SERVICE CODE [token TEXT] [i32 N] [i64 N] [s16 TEXT] [oneway]\n"
             "       tavrendctl check-config [ROOT]   (see tavrendctl check-config --help)\n"
             "       tavrendctl report LOGFILE [--trace OUT.json] [--svg DIR]\n"
-            "       tavrendctl sim SCENARIO [--scale N]\n"
+            "       tavrendctl sim SCENARIO [--scale N] [--json] | --clean\n"
             "       tavrendctl status [LOG...|-] [--follow] [--json]\n"
-            "       tavrendctl --help\n"
+            "       tavrendctl --help | --version\n"
+            "       tavrendctl SUBCOMMAND --help\n"
             "\n"
             "upl sends one latency sample of MS milliseconds to %s (transaction %u,\n"
             "interface token, int64 MS) and prints 'status: S' and 'reply: R', the reply's int32.\n"
@@ -62,6 +64,86 @@ int usage(FILE* out = stderr, int status = 2) {
             "in their --help. The device root is $TAVREND_ROOT (default /).\n",
             kIpcService, kRecordLatencyCode);
     return status;
+}
+
+// The subcommands of this file: their synopsis and what --help adds to it.
+struct Subcommand {
+    const char* name;
+    const char* synopsis;
+    const char* help;
+};
+
+const Subcommand kSubcommands[] = {
+    {"getprop", "NAME [DEFAULT]",
+     "Prints the value of property NAME, or DEFAULT (else an empty line) when it is\n"
+     "unset. Properties are files under $TAVREND_ROOT/dev/__properties__.\n"},
+    {"setprop", "NAME VALUE",
+     "Sets property NAME to VALUE, as a device does: names are letters, digits and\n"
+     ". - @ : _; values are at most 91 bytes except under ro.; an ro. property is\n"
+     "set once. Exits 1, saying why, when the set is refused.\n"},
+    {"upl", "MS",
+     "Sends one latency sample of MS milliseconds to tavrend.ipc.service: transaction\n"
+     "2 with the interface token com.corvail.android.service.TavrenIPC, then MS as an\n"
+     "int64. Prints 'status: S' and 'reply: R'. The daemon keeps the low 32 bits of\n"
+     "MS: a value outside 32 bits is sent with a warning.\n"},
+    {"call", "SERVICE CODE [token TEXT] [i32 N] [i64 N] [s16 TEXT] [oneway]",
+     "Sends transaction CODE to SERVICE; the arguments, in order, make the data\n"
+     "parcel: 'token TEXT' an interface token, 'i32 N' and 'i64 N' integers, 's16\n"
+     "TEXT' a string; 'oneway' sends it one-way. The daemon's tavrend.ipc.service\n"
+     "takes transaction 2 with the token com.corvail.android.service.TavrenIPC and\n"
+     "an i64 latency, e.g.:\n"
+     "  tavrendctl call tavrend.ipc.service 2 token com.corvail.android.service.TavrenIPC "
+     "i64 250\n"
+     "Prints 'status: S' and the reply parcel as 'Result: Parcel(...)'.\n"},
+};
+
+const Subcommand* findSubcommand(const char* name) {
+    for (const Subcommand& sub : kSubcommands) {
+        if (strcmp(sub.name, name) == 0) return &sub;
+    }
+    return nullptr;
+}
+
+bool isHelp(const char* arg) { return strcmp(arg, "--help") == 0 || strcmp(arg, "-h") == 0; }
+
+// "SUBCOMMAND --help" on standard output, or its synopsis after a mistake.
+int subcommandUsage(const Subcommand& sub, bool help) {
+    FILE* out = help ? stdout : stderr;
+    fprintf(out, "usage: tavrendctl %s %s\n", sub.name, sub.synopsis);
+    if (help) fprintf(out, "\n%s", sub.help);
+    return help ? 0 : 2;
+}
+
+// The device root of $TAVREND_ROOT must exist: a mistyped one would be made.
+bool rootExists() {
+    const char* root = getenv("TAVREND_ROOT");
+    if (root == nullptr || *root == '\0') return true;
+    struct stat st;
+    if (stat(root, &st) == 0 && S_ISDIR(st.st_mode)) return true;
+    fprintf(stderr, "tavrendctl: the device root %s ($TAVREND_ROOT) is not a directory\n", root);
+    return false;
+}
+
+// Why property_set refused NAME=VALUE; errno is what it left.
+std::string whySetFailed(const char* name, const char* value, int err) {
+    const bool readOnly = strncmp(name, "ro.", 3) == 0;
+    if (!readOnly && strlen(value) >= PROPERTY_VALUE_MAX) {
+        return "the value is " + std::to_string(strlen(value)) + " bytes, at most " +
+               std::to_string(PROPERTY_VALUE_MAX - 1) + " are allowed outside ro.";
+    }
+    char existing[PROPERTY_VALUE_MAX];
+    if (readOnly && property_get(name, existing, "") > 0) return "it is read-only and already set";
+    if (err == 0) return "not a property name (letters, digits and . - @ : _ between dots)";
+    return std::string("cannot store it under $TAVREND_ROOT/dev/__properties__: ") + strerror(err);
+}
+
+int setprop(const char* name, const char* value) {
+    errno = 0;
+    if (property_set(name, value) == 0) return 0;
+    const int err = errno;
+    fprintf(stderr, "tavrendctl: failed to set property '%s' to '%s': %s\n", name, value,
+            whySetFailed(name, value, err).c_str());
+    return 1;
 }
 
 template <typename T>
@@ -159,6 +241,13 @@ int upl(const char* msText) {
         fprintf(stderr, "tavrendctl: bad latency '%s'\n", msText);
         return usage();
     }
+    if (ms != static_cast<int32_t>(ms)) {
+        fprintf(stderr,
+                "tavrendctl: warning: %" PRId64
+                " does not fit in 32 bits; the daemon keeps its "
+                "low 32 bits, %" PRId32 "\n",
+                ms, static_cast<int32_t>(static_cast<uint32_t>(ms)));
+    }
     auto binder = findService(kIpcService);
     if (binder == nullptr) return 1;
     Parcel data, reply;
@@ -230,27 +319,33 @@ int call(int argc, char** argv) {
 int main(int argc, char** argv) {
     if (argc < 2) return usage();
     const char* cmd = argv[1];
-    if (argc == 2 && (strcmp(cmd, "--help") == 0 || strcmp(cmd, "-h") == 0)) {
-        return usage(stdout, 0);
+    if (argc == 2 && isHelp(cmd)) return usage(stdout, 0);
+    if (argc == 2 && strcmp(cmd, "--version") == 0) {
+        printf("tavrendctl %s\n", TAVREND_VERSION);
+        return 0;
     }
-    if (strcmp(cmd, "getprop") == 0 && (argc == 3 || argc == 4)) {
+    if (const Subcommand* sub = findSubcommand(cmd)) {
+        if (argc == 3 && isHelp(argv[2])) return subcommandUsage(*sub, true);
+        const bool argsOk = strcmp(cmd, "getprop") == 0   ? argc == 3 || argc == 4
+                            : strcmp(cmd, "setprop") == 0 ? argc == 4
+                            : strcmp(cmd, "upl") == 0     ? argc == 3
+                                                          : argc >= 4;
+        if (!argsOk) return subcommandUsage(*sub, false);
+        if (!rootExists()) return 2;
+    }
+    if (strcmp(cmd, "getprop") == 0) {
         char value[PROPERTY_VALUE_MAX];
         property_get(argv[2], value, argc == 4 ? argv[3] : "");
         printf("%s\n", value);
         return 0;
     }
-    if (strcmp(cmd, "setprop") == 0 && argc == 4) {
-        if (property_set(argv[2], argv[3]) != 0) {
-            fprintf(stderr, "tavrendctl: failed to set property '%s' to '%s'\n", argv[2], argv[3]);
-            return 1;
-        }
-        return 0;
-    }
-    if (strcmp(cmd, "upl") == 0 && argc == 3) return upl(argv[2]);
-    if (strcmp(cmd, "call") == 0 && argc >= 4) return call(argc - 2, argv + 2);
+    if (strcmp(cmd, "setprop") == 0) return setprop(argv[2], argv[3]);
+    if (strcmp(cmd, "upl") == 0) return upl(argv[2]);
+    if (strcmp(cmd, "call") == 0) return call(argc - 2, argv + 2);
     if (strcmp(cmd, "check-config") == 0) return checkConfigCommand(argc - 1, argv + 1);
     if (strcmp(cmd, "report") == 0) return reportCommand(argc - 1, argv + 1);
     if (strcmp(cmd, "sim") == 0) return simCommand(argc - 1, argv + 1);
     if (strcmp(cmd, "status") == 0) return statusCommand(argc - 1, argv + 1);
+    fprintf(stderr, "tavrendctl: unknown command '%s'\n", cmd);
     return usage();
 }

@@ -21,12 +21,15 @@ struct timespec timespecOf(double seconds) {
 }
 
 // The machine's clock, run `scale` times faster from the moment it was first
-// asked. With scale 1 every call is the plain system call.
+// asked. With scale 1 every call is the plain system call. With
+// TAVREND_BOOT_UPTIME_SEC set, the uptime starts there instead of at the
+// machine's, as on a device that has just booted.
 struct HostClock {
     double scale = 1;
     double monoStart = 0;
     double realStart = 0;
     long uptimeStart = 0;
+    bool bootSet = false;
 
     HostClock() {
         if (const char* text = getenv("TAVREND_TIME_SCALE"); text != nullptr && *text != '\0') {
@@ -46,6 +49,20 @@ struct HostClock {
         realStart = secondsOf(ts);
         struct ::sysinfo info {};
         if (::sysinfo(&info) == 0) uptimeStart = info.uptime;
+        if (const char* text = getenv("TAVREND_BOOT_UPTIME_SEC");
+            text != nullptr && *text != '\0') {
+            char* end = nullptr;
+            const long long v = strtoll(text, &end, 10);
+            if (*end == '\0' && v >= 0 && v <= 1000000000) {
+                uptimeStart = static_cast<long>(v);
+                bootSet = true;
+            } else {
+                fprintf(stderr,
+                        "TAVREND_BOOT_UPTIME_SEC=%s is not a number in [0, 1000000000]; using "
+                        "the machine's uptime\n",
+                        text);
+            }
+        }
     }
 
     // Seconds of scaled time since the clock started.
@@ -66,7 +83,7 @@ public:
     int sysinfo(struct ::sysinfo* info) override {
         const int rc = ::sysinfo(info);
         const HostClock& clock = hostClock();
-        if (rc == 0 && clock.scale != 1) {
+        if (rc == 0 && (clock.scale != 1 || clock.bootSet)) {
             info->uptime = clock.uptimeStart + static_cast<long>(clock.elapsed());
         }
         return rc;
