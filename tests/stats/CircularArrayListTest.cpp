@@ -79,7 +79,8 @@ TEST(CircularArrayList, ConcurrentWritersAndPrinter) {
         for (std::string s; !done;) {
             ring.printList(s);
             bad += s.front() != '{' || s.back() != '}' || s.find('0') != s.npos ||
-                   std::count(s.begin(), s.end(), ',') >= kCap || ring.size() > kCap;
+                   std::count(s.begin(), s.end(), ',') >= std::ptrdiff_t{kCap} ||
+                   ring.size() > kCap;
         }
     });
     auto write = [&ring](uint64_t value) {
