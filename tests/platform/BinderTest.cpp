@@ -287,6 +287,15 @@ TEST_F(BinderService, RefusesBadRequestsWhileOtherClientsGoOn) {
         EXPECT_EQ(service->calls, before + (reaches ? 1 : 0) + 1) << size;
     }
 
+    // A client that sends calls faster than it reads their replies: a reply
+    // that finds its socket full waits, the connection stays, none is lost.
+    const timeval stall{0, 300000};  // the service stops reading while a reply waits
+    setsockopt(raw, SOL_SOCKET, SO_SNDTIMEO, &stall, sizeof(stall));
+    const Bytes call = echoRequest(1, 0, 41);
+    int sent = 0;
+    while (sent < 20000 && send(raw, call.data(), call.size(), MSG_NOSIGNAL) >= 0) ++sent;
+    for (int i = 0; i < sent; ++i) ASSERT_EQ(receive(raw), kReply42) << i << " of " << sent;
+
     close(rawClient());  // leaves at once
     const int leaver = rawClient();
     const Bytes request = echoRequest(1, 0, 1);
