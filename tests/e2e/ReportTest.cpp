@@ -5,7 +5,7 @@
 // (no configuration lines: 1 s) whose last bad sample has its log line; and on the same log cut
 // short inside the first Other Free history, with a value that is no number in one process's
 // history, a history line of another thread inside the report, and a swap history shorter than its
-// RSS one (report_cut.log).
+// RSS one, and an escape character in a process name (report_cut.log).
 #include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 
@@ -41,7 +41,7 @@ TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
          {"report_cut.log:17: cannot read the RSS history of pid 2210; skipped",
           "report_cut.log:19: the Other Free history is cut short; skipped",
           "Other Free       (missing or unreadable)",
-          "+102400 kB  surfaceflinger [801]: 73728 -> 176128 kB"}},
+          "+102400 kB  surfaceflinger [801]: 73728 -> 176128 kB", "system?server [1024]"}},
         {{dir / "plain.log"}, 1, {"no crash report in"}},
         {{dir / "missing.log"}, 2, {"cannot read"}},
         {{kLog, "--svg"}, 2, {"--svg needs a value"}},
