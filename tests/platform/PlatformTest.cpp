@@ -210,8 +210,8 @@ TEST(HostProperties, ConcurrentReaderSeesOldOrNewValue) {
 }
 
 // A device path without its leading slash still maps inside the root. Files
-// served from memory read to their end and close once, like real ones; a path
-// the table names without bytes is absent.
+// served from memory read to their end and close once, like real ones, up to
+// a bound; a path the table names without bytes is absent.
 TEST(HostRoot, MemoryFilesReadAndCloseLikeDescriptors) {
     using namespace tavrend::platform;
     {
@@ -231,6 +231,13 @@ TEST(HostRoot, MemoryFilesReadAndCloseLikeDescriptors) {
     EXPECT_EQ(closeDeviceFd(fd), -1);
     EXPECT_EQ(readDeviceFd(fd, buf, sizeof(buf)), -1);
     EXPECT_EQ(openDeviceFd("/proc/zoneinfo"), -1);
+    // Descriptors from memory are bounded: the one past the last slot fails.
+    std::vector<int> open;
+    for (int got; (got = openDeviceFd("/proc/meminfo")) >= 0 && open.size() < 1000;)
+        open.push_back(got);
+    EXPECT_EQ(open.size(), 64u);
+    EXPECT_EQ(errno, EMFILE);
+    for (int each : open) EXPECT_EQ(closeDeviceFd(each), 0);
     setMemoryFiles(nullptr);
 }
 
