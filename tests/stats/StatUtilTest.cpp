@@ -111,15 +111,16 @@ TEST(ProcessList, EntriesScannedAsPercentD) {
 }
 
 TEST(ProcessName, HostileComms) {
-    const std::string path40 = "/vendor/bin/hw/android.hardware.x@1.0-svc";
+    const std::string path41 = "/vendor/bin/hw/android.hardware.x@1.0-svc";
     const std::tuple<std::string, std::string, std::string> cases[] = {
         {"two words", "", "two"},
         {"ab\ncd", "", "ab"},
         {std::string(29, 'n'), "", std::string(29, 'n')},
         {std::string(30, 'n'), "", ""},  // 31 bytes with the newline
         {"Binder:812_3", "/vendor/bin/hw/some.service\0--flag\0"s, "/vendor/bin/hw/some.service"},
-        {"HwBinder:5_1", path40 + "\0"s, path40.substr(path40.size() - 31)},
-        {"Binder:9_1", "my app\tname\0"s, "myapp\tname"},  // blanks only
+        {"HwBinder:5_1", path41 + "\0"s, path41.substr(path41.size() - 31)},
+        {"HwBinder:5_2", path41.substr(9) + "\0"s, path41.substr(10)},  // 32: one too many
+        {"Binder:9_1", "my app\tname\0"s, "myapp\tname"},               // blanks only
         {"Binder:9_1", "Binder:9_1\0"s, "unknown"},
         {"binder:9_1", "/bin/x\0"s, "binder:9_1"},
         {"Binder", "/bin/x\0"s, "/bin/x"}};
