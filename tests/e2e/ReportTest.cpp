@@ -88,8 +88,11 @@ TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
     EXPECT_NE(chart.find(">min 37888 kB<"), std::string::npos);
     EXPECT_NE(chart.find(">-154 s<"), std::string::npos);
     EXPECT_NE(chart.find(">78 samples, 2 s apart<"), std::string::npos);
-    EXPECT_NE(readText(dir / "svg/report2-upl.svg").find(">20 events, in the order received<"),
-              std::string::npos);
+    const std::string upl = readText(dir / "svg/report2-upl.svg");
+    EXPECT_NE(upl.find(">20 events, in the order received<"), std::string::npos);
+    size_t dots = 0;  // one per event
+    for (size_t at = 0; (at = upl.find("<circle", at)) != std::string::npos; ++at) ++dots;
+    EXPECT_EQ(dots, 20u);
     EXPECT_TRUE(fs::exists(dir / "svg/report1-rss-801-surfaceflinger.svg"));
     const std::string vendor = readText(dir / "svg/report1-rss-2210-vendor.Audio-hal_2_a__b__.svg");
     EXPECT_NE(vendor.find(">RSS of vendor.Audio-hal_2&lt;a&amp;&quot;b&quot;&gt; [2210]<"),
