@@ -48,8 +48,14 @@ TEST(Tavrendctl, GetpropAndSetpropBehaveLikeTheDeviceTools) {
         {{"setprop", "bad..name", "x"}, 1, "set property 'bad..name' to 'x': not a property name"},
         {{"setprop", "a.b", std::string(92, 'x')}, 1, "the value is 92 bytes, at most 91"},
         {{"frob"}, 2, "unknown command 'frob'"},
-        {{"setprop", "only-name"}, 2, "usage: tavrendctl setprop NAME VALUE\n"},
-        {{}, 2, "usage:"},
+        // A usage error is one line and where to look, never the whole help.
+        {{"setprop", "only-name"},
+         2,
+         "tavrendctl: setprop: too few arguments (see 'tavrendctl setprop --help')\n"},
+        {{"status", "--bogus"},
+         2,
+         "tavrendctl: status: unknown option '--bogus' (see 'tavrendctl status --help')\n"},
+        {{}, 2, "tavrendctl: no command given (see 'tavrendctl --help')\n"},
         {{"--help"}, 0, "usage:"},
         {{"getprop", "--help"}, 0, "Prints the value of property NAME"},
         {{"call", "-h"}, 0, "2 token com.corvail.android.service.TavrenIPC i64 250"},
@@ -59,6 +65,9 @@ TEST(Tavrendctl, GetpropAndSetpropBehaveLikeTheDeviceTools) {
         got = ctl(root, args);
         EXPECT_EQ(got.exitCode, exitCode) << testing::PrintToString(args);
         EXPECT_NE(got.output.find(output), std::string::npos) << got.output;
+        if (exitCode == 2) {
+            EXPECT_EQ(got.output.find("usage:"), std::string::npos) << got.output;
+        }
     }
     // A root that does not exist is refused, not made.
     const std::string missing = root.path() + "/missing", out = root.path() + "/out.txt";

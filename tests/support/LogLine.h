@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "LogcatLine.h"
+#include "toolbox/LogcatLine.h"
 
 namespace tavrend::test {
 

@@ -1,4 +1,4 @@
-#include "SimScenario.h"
+#include "sim/SimScenario.h"
 
 #include <cjson/cJSON.h>
 #include <unistd.h>
@@ -13,7 +13,8 @@
 #include <set>
 #include <sstream>
 
-#include "ConfigRules.h"
+#include "check/ConfigRules.h"
+#include "toolbox/Text.h"
 
 namespace tavrendctl::sim {
 namespace {
@@ -259,10 +260,6 @@ bool figures(const cJSON* item, const std::string& what, const std::vector<std::
         }
     }
     return true;
-}
-
-bool startsWith(const std::string& s, const char* prefix) {
-    return s.compare(0, strlen(prefix), prefix) == 0;
 }
 
 std::vector<std::string> lmkLabels() { return {std::begin(kLmkLabels), std::end(kLmkLabels)}; }

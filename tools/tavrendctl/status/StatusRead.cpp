@@ -4,7 +4,7 @@
 #include <charconv>
 #include <functional>
 
-#include "Status.h"
+#include "status/Status.h"
 
 namespace tavrendctl::status {
 namespace {

@@ -9,7 +9,7 @@
 #include <ctime>
 #include <filesystem>
 
-#include "SimRun.h"
+#include "sim/SimRun.h"
 
 namespace tavrendctl::sim {
 namespace {

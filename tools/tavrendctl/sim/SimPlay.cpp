@@ -11,8 +11,8 @@
 #include <mutex>
 #include <thread>
 
-#include "SimRun.h"
 #include "monitors/TavrendIPC.h"
+#include "sim/SimRun.h"
 
 namespace tavrendctl::sim {
 namespace {

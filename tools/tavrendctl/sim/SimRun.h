@@ -17,8 +17,9 @@
 #include <string>
 #include <vector>
 
-#include "LogcatLine.h"
-#include "SimScenario.h"
+#include "sim/SimScenario.h"
+#include "toolbox/LogcatLine.h"
+#include "toolbox/Text.h"
 
 namespace tavrendctl::sim {
 
@@ -30,9 +31,7 @@ extern volatile sig_atomic_t gInterrupted;
 // "12 s": a time in simulated seconds.
 std::string secs(double t);
 std::string signalName(int sig);
-inline bool startsWith(const std::string& s, const char* prefix) {
-    return s.compare(0, strlen(prefix), prefix) == 0;
-}
+using tavrendctl::startsWith;
 
 // ---- set-up -----------------------------------------------------------------
 

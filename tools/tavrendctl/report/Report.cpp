@@ -1,13 +1,13 @@
 // tavrendctl report LOGFILE [--trace OUT.json] [--svg DIR]: the crash reports
 // of a system log, summed up, and their histories exported.
-#include "Report.h"
+#include "report/Report.h"
 
 #include <cerrno>
 #include <cinttypes>
 #include <cstring>
 #include <memory>
 
-#include "Commands.h"
+#include "toolbox/Commands.h"
 
 namespace {
 
@@ -15,10 +15,7 @@ using namespace tavrendctl::report;
 
 constexpr size_t kTopProcesses = 5;
 
-constexpr const char* kUsage = "usage: tavrendctl report LOGFILE [--trace OUT.json] [--svg DIR]\n";
-
 constexpr const char* kHelp =
-    "\n"
     "Reads the crash reports tavrend wrote to a system log in `logcat -v threadtime`\n"
     "layout (system.log) and prints for each: the condition that raised it, its\n"
     "time, the last value of each history and the 5 processes whose RSS grew most\n"
@@ -43,11 +40,6 @@ constexpr const char* kHelp =
     "History lines that cannot be read are skipped with a note on standard error.\n"
     "Exit status: 0 reports found, 1 no crash report in the log, 2 usage error,\n"
     "unreadable log or unwritable output.\n";
-
-int usageError(const char* what, const char* arg) {
-    fprintf(stderr, "tavrendctl: report: %s%s\n%s", what, arg, kUsage);
-    return 2;
-}
 
 // "78 samples, 2 s apart", "20 events".
 std::string sampling(const History& h) {
@@ -87,33 +79,11 @@ void printSummary(const CrashReport& r, size_t index, size_t count, const std::s
     }
 }
 
-}  // namespace
-
-int reportCommand(int argc, char** argv) {
-    std::string log;
-    std::string trace;
-    std::string svg;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (arg == "--help" || arg == "-h") {
-            fputs(kUsage, stdout);
-            fputs(kHelp, stdout);
-            return 0;
-        }
-        if (arg == "--trace" || arg == "--svg") {
-            if (i + 1 >= argc || argv[i + 1][0] == '\0')
-                return usageError(argv[i], " needs a value");
-            (arg == "--trace" ? trace : svg) = argv[++i];
-        } else if (arg.size() > 1 && arg[0] == '-') {
-            return usageError("unknown option ", argv[i]);
-        } else if (!log.empty() || arg.empty()) {
-            return usageError("one log file, please: ", argv[i]);
-        } else {
-            log = arg;
-        }
-    }
-    if (log.empty()) return usageError("no log file given", "");
-
+int runReport(const tavrendctl::Args& a) {
+    const std::string& log = a.operands[0];
+    const std::string none;
+    const std::string& trace = a.value("--trace", none);
+    const std::string& svg = a.value("--svg", none);
     std::vector<CrashReport> reports;
     {
         const std::unique_ptr<FILE, int (*)(FILE*)> in(fopen(log.c_str(), "r"), fclose);
@@ -149,3 +119,14 @@ int reportCommand(int argc, char** argv) {
     }
     return 0;
 }
+
+}  // namespace
+
+namespace tavrendctl {
+
+const Command kReportCommand = {"report", "LOGFILE [--trace OUT.json] [--svg DIR]",
+                                kHelp,    {{"--trace", "OUT.json"}, {"--svg", "DIR"}},
+                                1,        1,
+                                false,    runReport};
+
+}  // namespace tavrendctl

@@ -16,7 +16,7 @@
 #include <fstream>
 #include <thread>
 
-#include "SimRun.h"
+#include "sim/SimRun.h"
 
 extern char** environ;
 

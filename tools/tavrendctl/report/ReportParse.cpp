@@ -14,8 +14,9 @@
 #include <optional>
 #include <string_view>
 
-#include "LogcatLine.h"
-#include "Report.h"
+#include "report/Report.h"
+#include "toolbox/LogcatLine.h"
+#include "toolbox/Text.h"
 
 namespace tavrendctl::report {
 namespace {
@@ -50,10 +51,6 @@ constexpr SystemHistory kSystem[] = {
 constexpr size_t kSystemCount = sizeof(kSystem) / sizeof(kSystem[0]);
 
 using logcat::Stamp;
-
-bool startsWith(std::string_view s, std::string_view prefix) {
-    return s.substr(0, prefix.size()) == prefix;
-}
 
 bool parseNumber(std::string_view s, uint64_t& v) {
     const char* end = s.data() + s.size();

@@ -11,7 +11,8 @@
 #include <fstream>
 #include <sstream>
 
-#include "SimScenario.h"
+#include "sim/SimScenario.h"
+#include "toolbox/Text.h"
 
 namespace tavrendctl::sim {
 namespace {
@@ -41,14 +42,7 @@ const char* const kMinfree = "18432,23040,27648,32256,55296,80640\n";
 bool writeFile(const std::string& path, const std::string& content, std::string& error) {
     std::error_code ec;
     fs::create_directories(fs::path(path).parent_path(), ec);
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
-    out.close();
-    if (!out) {
-        error = "cannot write " + path;
-        return false;
-    }
-    return true;
+    return tavrendctl::writeFile(path, content, error);
 }
 
 std::string statusText(const Process& p) {

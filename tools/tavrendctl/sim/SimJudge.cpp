@@ -7,7 +7,7 @@
 #include <set>
 #include <string_view>
 
-#include "SimRun.h"
+#include "sim/SimRun.h"
 
 namespace tavrendctl::sim {
 namespace {

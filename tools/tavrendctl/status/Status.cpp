@@ -1,6 +1,6 @@
 // tavrendctl status [LOG...|-] [--follow] [--json]: the daemon's state at the
 // log's last line, read from its system log alone.
-#include "Status.h"
+#include "status/Status.h"
 
 #include <cjson/cJSON.h>
 #include <fcntl.h>
@@ -18,16 +18,16 @@
 #include <string>
 #include <vector>
 
-#include "Commands.h"
+#include "toolbox/Commands.h"
+#include "toolbox/Text.h"
 
 namespace {
 
 using namespace tavrendctl::status;
+using tavrendctl::limitText;
 using tavrendctl::logcat::Stamp;
 
-constexpr const char* kUsage =
-    "usage: tavrendctl status [LOG...|-] [--follow] [--json]\n"
-    "\n"
+constexpr const char* kHelp =
     "Shows what the daemon is doing as of the last line of its system log: the\n"
     "host's system.log, a device's 'logcat -b system -v threadtime' dump, or the\n"
     "same on standard input ('-', or no LOG). Several LOGs are read as one log, in\n"
@@ -88,13 +88,10 @@ std::string configText(const DaemonStatus& s, std::string_view key) {
 class Text {
 public:
     [[gnu::format(printf, 2, 3)]] void line(const char* fmt, ...) {
-        char buf[1024];
         va_list ap;
         va_start(ap, fmt);
-        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): started just above
-        vsnprintf(buf, sizeof(buf), fmt, ap);
+        out += tavrendctl::vformat(fmt, ap);
         va_end(ap);
-        out += buf;
         out += '\n';
     }
     std::string out;
@@ -150,11 +147,6 @@ void textCounts(const DaemonStatus& s, Text& t) {
             orUnknown(s.badSamples).c_str(), orUnknown(s.badSampleThreshold).c_str(),
             orUnknown(s.latencyThresholdMs).c_str(), orUnknown(s.totalSamples).c_str());
     }
-}
-
-// A limit as the file means it: -1 is stored as the largest value.
-std::string limitText(uint64_t kb) {
-    return kb == UINT64_MAX ? "none" : std::to_string(kb) + " kB";
 }
 
 void textGuardrails(const DaemonStatus& s, Text& t) {
@@ -442,35 +434,17 @@ int follow(int fd, StatusReader& reader, LineFeed& feed, const Options& o, bool 
     }
 }
 
-bool parseOptions(int argc, char** argv, Options& o) {
-    for (int i = 1; i < argc; ++i) {
-        const std::string a = argv[i];
-        if (a == "--follow") {
-            o.follow = true;
-        } else if (a == "--json") {
-            o.json = true;
-        } else if (a.size() > 1 && a[0] == '-') {
-            return false;
-        } else {
-            o.logs.push_back(a);
-        }
-    }
+Options optionsOf(const tavrendctl::Args& a) {
+    Options o;
+    o.follow = a.has("--follow");
+    o.json = a.has("--json");
+    o.logs = a.operands;
     if (o.logs.empty()) o.logs.push_back("-");
-    return true;
+    return o;
 }
 
-}  // namespace
-
-int statusCommand(int argc, char** argv) {
-    if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
-        fputs(kUsage, stdout);
-        return 0;
-    }
-    Options o;
-    if (!parseOptions(argc, argv, o)) {
-        fputs(kUsage, stderr);
-        return 2;
-    }
+int runStatus(const tavrendctl::Args& a) {
+    const Options o = optionsOf(a);
     StatusReader reader;
     LineFeed feed(reader);
     for (size_t i = 0; i < o.logs.size(); ++i) {
@@ -498,3 +472,14 @@ int statusCommand(int argc, char** argv) {
     show(reader.status(), o, false);
     return reader.status().found ? 0 : 1;
 }
+
+}  // namespace
+
+namespace tavrendctl {
+
+const Command kStatusCommand = {"status", "[LOG...|-] [--follow] [--json]",
+                                kHelp,    {{"--follow", nullptr}, {"--json", nullptr}},
+                                0,        kAnyOperands,
+                                false,    runStatus};
+
+}  // namespace tavrendctl

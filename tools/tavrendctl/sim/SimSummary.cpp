@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <memory>
 
-#include "SimRun.h"
+#include "sim/SimRun.h"
 
 namespace tavrendctl::sim {
 namespace {

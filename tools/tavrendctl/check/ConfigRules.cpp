@@ -1,4 +1,4 @@
-#include "ConfigRules.h"
+#include "check/ConfigRules.h"
 
 #include <strings.h>
 
@@ -13,6 +13,7 @@
 
 #include "config/ConfigLoader.h"
 #include "config/Constants.h"
+#include "toolbox/Text.h"
 
 namespace tavrendctl {
 
@@ -400,10 +401,6 @@ uint64_t limitOf(const cJSON* item) {
     return static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(item->valueint)));
 }
 
-std::string limitText(uint64_t kb) {
-    return kb == UINT64_MAX ? "none" : std::to_string(kb) + " kB";
-}
-
 struct Row {
     std::string key;  // "processes[N]"
     std::string name;
@@ -528,14 +525,7 @@ void checkRows(const cJSON* rowsArray, const CV& c, Findings& f) {
 }  // namespace
 
 void Findings::add(const std::string& key, const char* fmt, va_list ap, bool unknown, bool inert) {
-    va_list again;
-    va_copy(again, ap);
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): started by the caller
-    const int n = vsnprintf(nullptr, 0, fmt, ap);
-    std::string text(n > 0 ? static_cast<size_t>(n) : 0, '\0');
-    if (n > 0) vsnprintf(text.data(), text.size() + 1, fmt, again);
-    va_end(again);
-    all_.push_back({key, std::move(text), unknown, inert});
+    all_.push_back({key, vformat(fmt, ap), unknown, inert});
 }
 
 tavrend::ConfigVariables effectiveConfig(const cJSON* daemonConfig) {

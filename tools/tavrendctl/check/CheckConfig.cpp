@@ -18,8 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "Commands.h"
-#include "ConfigRules.h"
+#include "check/ConfigRules.h"
 #include "config/ConfigLoader.h"
 #include "config/ConfigVariables.h"
 #include "config/Constants.h"
@@ -28,18 +27,19 @@
 #include "metrics/TavrenMetricConfig.h"
 #include "platform/host_root.h"
 #include "platform/log_hook.h"
+#include "toolbox/Commands.h"
+#include "toolbox/Text.h"
 
 using tavrend::ConfigVariables;
 using tavrend::MemoryGuardrailConfig;
 using tavrend::TavrenMetricConfig;
 using tavrendctl::ConfigFinding;
+using tavrendctl::limitText;
 using tavrendctl::quoted;
 
 namespace {
 
-constexpr const char* kUsage =
-    "usage: tavrendctl check-config [ROOT] [--json]\n"
-    "\n"
+constexpr const char* kHelp =
     "Loads the daemon configuration, the metric configuration and, when guardrails\n"
     "are enabled, the guardrail file of the device root ROOT (default $TAVREND_ROOT,\n"
     "else /) as the daemon does, honouring the override properties. Prints every\n"
@@ -70,11 +70,8 @@ struct Report {
     [[gnu::format(printf, 2, 3)]] void out(const char* fmt, ...) {
         va_list ap;
         va_start(ap, fmt);
-        char line[1024];
-        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): started just above
-        vsnprintf(line, sizeof(line), fmt, ap);
+        text += tavrendctl::vformat(fmt, ap);
         va_end(ap);
-        text += line;
     }
 };
 
@@ -294,10 +291,6 @@ void checkMetricConfig(const ConfigVariables& config, Report& r) {
 
 // ---- The guardrail file ----
 
-std::string limitText(uint64_t kb) {
-    return kb == UINT64_MAX ? "none" : std::to_string(kb) + " kB";
-}
-
 // Loads the guardrail file when the daemon would. Returns the "processes"
 // array to check (owned by `file`), or null when there is none to check.
 const cJSON* checkGuardrails(const ConfigVariables& config, std::unique_ptr<JsonFile>& file,
@@ -376,23 +369,12 @@ int finish(Report& r, int status) {
 
 }  // namespace
 
-int checkConfigCommand(int argc, char** argv) {
+namespace {
+
+int checkConfig(const tavrendctl::Args& a) {
     Report r;
-    const char* rootArg = nullptr;
-    for (int i = 1; i < argc; ++i) {
-        if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
-            fputs(kUsage, stdout);
-            return 0;
-        }
-        if (strcmp(argv[i], "--json") == 0) {
-            r.json = true;
-        } else if (argv[i][0] == '-' || rootArg != nullptr) {
-            fputs(kUsage, stderr);
-            return 2;
-        } else {
-            rootArg = argv[i];
-        }
-    }
+    r.json = a.has("--json");
+    const char* rootArg = a.operands.empty() ? nullptr : a.operands[0].c_str();
     const char* env = getenv("TAVREND_ROOT");
     const std::string root =
         rootArg != nullptr ? rootArg : (env != nullptr && *env != '\0' ? env : "/");
@@ -416,3 +398,12 @@ int checkConfigCommand(int argc, char** argv) {
     r.findings.append(tavrendctl::checkConfigObjects(daemonFile->root(), rows));
     return finish(r, 0);
 }
+
+}  // namespace
+
+namespace tavrendctl {
+
+const Command kCheckConfigCommand = {
+    "check-config", "[ROOT] [--json]", kHelp, {{"--json", nullptr}}, 0, 1, false, checkConfig};
+
+}  // namespace tavrendctl

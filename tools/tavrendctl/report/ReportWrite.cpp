@@ -7,7 +7,8 @@
 #include <filesystem>
 #include <memory>
 
-#include "Report.h"
+#include "report/Report.h"
+#include "toolbox/Text.h"
 
 namespace tavrendctl::report {
 namespace {
@@ -34,20 +35,6 @@ std::string escape(const std::string& s, bool xml) {
         }
     }
     return out;
-}
-
-struct FileCloser {
-    void operator()(FILE* f) const { fclose(f); }
-};
-using File = std::unique_ptr<FILE, FileCloser>;
-
-// Writes `text` to `path`, replacing it.
-bool writeFile(const std::string& path, const std::string& text, std::string& error) {
-    File f(fopen(path.c_str(), "w"));
-    bool ok = f != nullptr && fwrite(text.data(), 1, text.size(), f.get()) == text.size();
-    if (f != nullptr) ok = fclose(f.release()) == 0 && ok;
-    if (!ok) error = "cannot write " + path + ": " + strerror(errno);
-    return ok;
 }
 
 std::string reportTitle(const CrashReport& r, size_t index) {

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "LogcatLine.h"
+#include "toolbox/LogcatLine.h"
 
 namespace tavrendctl::status {
 
