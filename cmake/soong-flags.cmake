@@ -87,6 +87,7 @@ endfunction()
 
 # Sets the compile options of the targets the caller creates next (the
 # daemon's folders under src/) to Soong's line, and drops CMake's own -std.
+# The caller restores CMAKE_CXX_STANDARD and CMAKE_CXX_EXTENSIONS after them.
 macro(tavrend_use_soong_flags)
   if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
     message(FATAL_ERROR "TAVREND_SOONG_FLAGS: release 10's Soong compiles with clang; "
@@ -98,7 +99,9 @@ macro(tavrend_use_soong_flags)
   tavrend_bp_list(${tavrend_bp} tavrend cppflags tavrend_module_cppflags)
   message(STATUS "Soong flags: Android.bp's cflags: ${tavrend_module_cflags}; "
                  "cppflags: ${tavrend_module_cppflags}")
+  # No -std of CMake's: with no standard and extensions on it adds none.
   unset(CMAKE_CXX_STANDARD)
+  set(CMAKE_CXX_EXTENSIONS ON)
   set_directory_properties(PROPERTIES COMPILE_OPTIONS "")
   add_compile_options(
     ${tavrend_soong_common_cflags} ${tavrend_soong_device_cflags}
