@@ -85,7 +85,8 @@ constexpr const char* kHelp =
     "\n"
     "Exit status: 0 when the outcome matches \"expect\" (or there is none), 1 when it\n"
     "differs (each difference is printed), 2 for a bad scenario file or a failure\n"
-    "to set up or run the device (no FUSE, missing binaries, interrupted).\n"
+    "to set up or run the device (no FUSE, missing binaries, a driver that stopped\n"
+    "mid-run, interrupted).\n"
     "Errors and the live status line (with the counts that decide a condition:\n"
     "LMK kills against lmk_target_kills, bad latency samples against their\n"
     "threshold) go to standard error, the summary to standard output.\n";
