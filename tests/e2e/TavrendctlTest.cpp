@@ -7,9 +7,16 @@
 #include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
 
 #include "E2E.h"
 #include "platform/binder_host.h"
+#include "support/DravikMount.h"
 
 using namespace std::chrono_literals;
 using namespace tavrend::test;
@@ -186,23 +193,92 @@ TEST(Tavrendctl, SimRefusesBadScenarios) {
     std::remove(out.c_str());
 }
 
-// --clean removes the folders of finished runs only: a folder whose daemon
-// still runs stays, whatever else is there.
+// --clean removes the folders of the caller's finished runs only: a folder
+// whose daemon still runs stays, and so does another user's.
 TEST(Tavrendctl, SimCleanLeavesRunsThatGoOn) {
     DeviceRoot tmp;                                                  // the TMPDIR of this test
     std::filesystem::copy_file("/bin/sleep", tmp.host("/tavrend"));  // a "daemon" that runs on
     Subprocess daemon(tmp.host("/tavrend"), {"30"}, {});
-    const std::pair<std::string, std::string> runs[] = {
-        {"old", ""}, {"ended", "999999999"}, {"live", std::to_string(daemon.pid())}};
+    const std::pair<std::string, std::string> runs[] = {{"old", ""},
+                                                        {"ended", "999999999"},
+                                                        {"live", std::to_string(daemon.pid())},
+                                                        {"theirs", ""}};
     for (const auto& [name, pid] : runs) {
         tmp.writeFile("/tavrend-sim-" + name + "/logs/system.log", "");
         if (!pid.empty()) tmp.writeFile("/tavrend-sim-" + name + "/daemon.pid", pid + "\n");
     }
+    const bool otherUser = chown(tmp.host("/tavrend-sim-theirs").c_str(), 65534, 65534) == 0;
     const std::string out = tmp.host("/out.txt");
     Subprocess clean(binPath("tavrendctl"), {"sim", "--clean"}, {{"TMPDIR", tmp.path()}}, out);
     const auto status = clean.wait(10s);
     EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << readText(out);
     EXPECT_FALSE(tmp.exists("/tavrend-sim-old") || tmp.exists("/tavrend-sim-ended"));
+    EXPECT_NE(readText(out).find("removed " + tmp.path() + "/tavrend-sim-old\n"), std::string::npos)
+        << readText(out);
     EXPECT_TRUE(tmp.exists("/tavrend-sim-live/logs/system.log"));
     EXPECT_TRUE(daemon.running());
+    if (!otherUser)
+        GTEST_SKIP() << "a folder of another user needs root to make: " << strerror(errno);
+    EXPECT_TRUE(tmp.exists("/tavrend-sim-theirs/logs/system.log")) << readText(out);
+}
+
+namespace {
+
+// The child of `parent` whose name is `comm`, or -1.
+pid_t childNamed(pid_t parent, const std::string& comm) {
+    std::error_code ec;
+    for (const auto& e : std::filesystem::directory_iterator("/proc", ec)) {
+        // "1234 (dravikfs) S 1200 ..."
+        const std::string stat = readText(e.path().string() + "/stat");
+        const size_t open = stat.find(" ("), close = stat.rfind(") ");
+        if (open == std::string::npos || close == std::string::npos || close < open) continue;
+        int ppid = 0;
+        if (stat.substr(open + 2, close - open - 2) == comm &&
+            sscanf(stat.c_str() + close + 2, "%*c %d", &ppid) == 1 && ppid == parent) {
+            return std::stoi(stat);
+        }
+    }
+    return -1;
+}
+
+}  // namespace
+
+// A driver that dies mid-run ends the run at once: exit 2, saying so, the
+// daemon stopped, no mount left. Unstopped, the run would last 40 s.
+TEST(Tavrendctl, SimEndsWhenItsDriverStops) {
+    if (access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "no FUSE here";
+    DeviceRoot tmp;  // the TMPDIR of this test
+    const std::string out = tmp.path() + "-sim.txt";
+    Subprocess sim(
+        binPath("tavrendctl"),
+        {"sim", TAVREND_SOURCE_DIR "/tests/e2e/testdata/wrong_expectations.json", "--scale", "1"},
+        {{"TMPDIR", tmp.path()}}, out);
+    std::string base;  // $TMPDIR/tavrend-sim-XXXXXX
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            const std::string text = readText(out);
+            const size_t at = text.find(": device root ");
+            if (at != std::string::npos)
+                base = text.substr(at + 14, text.find(", logs", at) - at - 19);
+            return !base.empty() && !readText(base + "/logs/system.log").empty();
+        },
+        10s))
+        << readText(out);
+    const pid_t driver = childNamed(sim.pid(), "dravikfs");
+    ASSERT_GT(driver, 0);
+    kill(driver, SIGKILL);
+    const auto status = sim.wait(10s);
+    EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 2) << readText(out);
+    EXPECT_NE(readText(out).find("tavrendctl: the driver stopped at "), std::string::npos)
+        << readText(out);
+    EXPECT_NE(readText(out).find("(driver stopped)"), std::string::npos) << readText(out);
+    EXPECT_EQ(readText("/proc/self/mountinfo").find(base), std::string::npos);
+    long daemon = 0;
+    EXPECT_TRUE(std::ifstream(base + "/daemon.pid") >> daemon);
+    EXPECT_NE(kill(static_cast<pid_t>(daemon), 0), 0) << "the daemon runs on";
+    // A runner that went on leaves nothing behind either.
+    sim.signal(SIGKILL);
+    sim.wait(5s);
+    DravikMount::forceUnmount(base + "/root/sys/kernel/dravik");
+    std::remove(out.c_str());
 }

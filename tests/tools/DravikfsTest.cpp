@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -146,6 +147,43 @@ TEST(Dravikfs, SignalsUnmountCleanly) {
         START_DRAVIK(dravik, root.path());
         // True only when the server unmounted by itself and exited with status 0.
         EXPECT_TRUE(dravik.stop(sig)) << strsignal(sig) << ": " << dravik.serverLog();
+    }
+}
+
+// One driver a mount point: a second one, on a live mount or on the stale mount
+// of a killed one, is refused and adds no mount; the live one then unmounts on
+// SIGTERM as ever, and the command the refusal names clears the stale one.
+TEST(Dravikfs, RefusesAMountPointThatHoldsAMount) {
+    for (const bool killFirst : {false, true}) {
+        SCOPED_TRACE(killFirst ? "stale" : "live");
+        DeviceRoot root;
+        START_DRAVIK(first, root.path());
+        const std::string mp =
+            std::filesystem::canonical(root.path()).string() + "/sys/kernel/dravik";
+        struct stat st;
+        if (killFirst) {
+            kill(first.pid(), SIGKILL);
+            ASSERT_TRUE(waitUntil([&] { return stat(mp.c_str(), &st) != 0 && errno == ENOTCONN; },
+                                  seconds(5)));
+        }
+        const std::string log = root.path() + "-second.txt";
+        Subprocess second(binPath("dravikfs"), {"--root", root.path(), "--foreground"}, {}, log);
+        const auto status = second.wait(seconds(10));
+        EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 1) << readText(log);
+        const std::string refusal =
+            killFirst ? mp +
+                            " holds a stale mount (Transport endpoint is not connected); "
+                            "clear it with: fusermount3 -u " +
+                            mp + "\n"
+                      : mp + " is mounted already (fuse.dravikfs): one driver a mount point";
+        EXPECT_NE(readText(log).find(refusal), std::string::npos) << readText(log);
+        std::remove(log.c_str());
+        if (killFirst) {
+            EXPECT_EQ(Subprocess("/usr/bin/fusermount3", {"-u", mp}, {}).wait(seconds(5)), 0);
+            EXPECT_FALSE(DravikMount::isMounted(mp));
+        } else {
+            EXPECT_TRUE(first.stop(SIGTERM)) << "a mount is left: " << first.serverLog();
+        }
     }
 }
 

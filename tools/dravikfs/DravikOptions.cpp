@@ -63,7 +63,8 @@ std::string usageText() {
            "  -h, --help            show this text\n"
            "      --version         show the version\n"
            "\n"
-           "SIGTERM or SIGINT unmounts and exits.\n"
+           "One driver a mount point: a MOUNTPOINT that holds a mount already, even a\n"
+           "stale one, is refused. SIGTERM or SIGINT unmounts and exits.\n"
            "\n"
            "Exit status: 0 after a clean unmount (or --help), 1 when mounting or serving\n"
            "fails, 2 for bad arguments. Errors go to standard error.\n";

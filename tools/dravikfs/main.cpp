@@ -13,7 +13,6 @@
 
 #include <cstdio>
 #include <ctime>
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -22,6 +21,7 @@
 
 #include "DravikDriver.h"
 #include "DravikOptions.h"
+#include "MountPoint.h"
 
 namespace {
 
@@ -160,27 +160,6 @@ struct fuse_operations makeOperations() {
     return ops;
 }
 
-// Creates the mount point when missing. Returns an error line or "".
-std::string prepareMountPoint(const std::string& mountPoint) {
-    struct stat st;
-    if (stat(mountPoint.c_str(), &st) != 0) {
-        if (errno == ENOTCONN) {
-            return "mount point " + mountPoint +
-                   " holds a stale mount (Transport endpoint is not connected); "
-                   "clear it with: fusermount3 -u -z " +
-                   mountPoint;
-        }
-        std::error_code ec;
-        std::filesystem::create_directories(mountPoint, ec);
-        if (ec) return "cannot create mount point " + mountPoint + ": " + ec.message();
-        if (stat(mountPoint.c_str(), &st) != 0) {
-            return "cannot use mount point " + mountPoint + ": " + strerror(errno);
-        }
-    }
-    if (!S_ISDIR(st.st_mode)) return "mount point " + mountPoint + " is not a directory";
-    return {};
-}
-
 void fail(const std::string& message) { fprintf(stderr, "dravikfs: %s\n", message.c_str()); }
 
 // The FUSE session from set-up to unmount. Whatever was set up is torn down,
@@ -266,7 +245,8 @@ int main(int argc, char** argv) {
     }
     dravikfs::ProcSource source;
     std::string error = dravikfs::chooseProcSource(options.root, options.hostProc, source);
-    if (error.empty()) error = prepareMountPoint(options.mountPoint);
+    dravikfs::MountPointClaim claim;  // held until the end, past the unmount
+    if (error.empty()) error = claim.claim(options.mountPoint);
     if (!error.empty()) {
         fail(error);
         return 1;

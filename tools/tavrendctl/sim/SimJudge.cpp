@@ -145,6 +145,7 @@ void compareFlat(const Expect::Flat& f, const Outcome& o, Diffs& diffs) {
 bool rebooted(const Outcome& o) { return o.powerctlReboot && o.rebootLogAt.has_value(); }
 
 std::string ending(const Outcome& o, const Scenario& s) {
+    if (o.driverStoppedAt) return "driver stopped";
     if (!o.waitStatus) return "unknown";
     const int st = *o.waitStatus;
     // Killed by the runner, and seen to end by that kill.

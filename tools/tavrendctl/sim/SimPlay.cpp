@@ -178,6 +178,12 @@ private:
             run_.daemon = -1;
             return true;
         }
+        if (driverStopped()) {
+            // The daemon's readings and kills go nowhere now: the run ends here.
+            o_.driverStoppedAt = t;
+            o_.waitStatus = run_.killDaemon();
+            return true;
+        }
         if ((t >= s_.endSec || gInterrupted) && !sigtermReal_) sigterm(t);
         if (sigtermReal_ && Clock::now() - *sigtermReal_ > grace_) {
             o_.waitStatus = run_.killDaemon();
@@ -186,6 +192,15 @@ private:
         }
         status_.update(t, o_, device_.userActive(), false);
         return false;
+    }
+
+    // Whether dravikfs has ended (killed, or its mount taken away) while the
+    // daemon runs; it is reaped here.
+    bool driverStopped() {
+        int st = 0;
+        if (run_.dravik <= 0 || waitpid(run_.dravik, &st, WNOHANG) != run_.dravik) return false;
+        run_.dravik = -1;
+        return true;
     }
 
     void playDue(double t) {
@@ -236,7 +251,7 @@ int play(const std::string& path, const Scenario& s, double scale, bool json) {
     writeDaemonFigures(run.logs, o);
     // The root is gone; what is left of the run is its logs.
     const RunInfo info{path, s, scale, run.logs};
-    const bool played = !gInterrupted && o.runErrors.empty();
+    const bool played = !gInterrupted && o.runErrors.empty() && !o.driverStoppedAt;
     const auto diffs = played && s.expect.any() ? compare(s, o) : std::vector<std::string>{};
     const char* verdict = !played           ? "not judged"
                           : !s.expect.any() ? "none stated"
@@ -246,6 +261,13 @@ int play(const std::string& path, const Scenario& s, double scale, bool json) {
         printJsonSummary(info, o, verdict, diffs);
     } else {
         printSummary(info, o);
+    }
+    if (o.driverStoppedAt) {
+        fprintf(stderr,
+                "tavrendctl: the driver stopped at %s (see %s/dravikfs.out); the daemon was "
+                "stopped and the run is not judged\n",
+                secs(*o.driverStoppedAt).c_str(), run.logs.c_str());
+        return 2;
     }
     if (gInterrupted) {
         fprintf(stderr, "tavrendctl: interrupted\n");

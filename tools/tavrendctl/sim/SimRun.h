@@ -63,8 +63,8 @@ struct Run {
 // status (2) when that fails, after an error line; the run is cleaned up.
 std::optional<int> setUp(const std::string& path, const Scenario& s, double scale, Run& run);
 
-// Removes the $TMPDIR/tavrend-sim-* folders of runs whose daemon is gone;
-// the exit status of `sim --clean`.
+// Removes the $TMPDIR/tavrend-sim-* folders of this user's runs whose
+// processes are all gone, naming each; the exit status of `sim --clean`.
 int cleanOldRuns();
 
 // ---- observe ----------------------------------------------------------------
@@ -119,6 +119,7 @@ struct Outcome {
     std::vector<DaemonSample> daemon;
     std::optional<std::string> hardKill;  // a hard kill's name, until its driver request
     std::vector<std::string> runErrors;
+    std::optional<double> driverStoppedAt;  // dravikfs ended while the daemon ran
 };
 
 // Reads a growing log file line by line; times are simulated seconds since

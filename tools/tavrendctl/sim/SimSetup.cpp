@@ -25,11 +25,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// A mount whose driver has died answers ENOTCONN: mounted, and stale.
 bool mounted(const std::string& mountPoint) {
     struct stat here = {};
     struct stat parent = {};
-    return stat(mountPoint.c_str(), &here) == 0 &&
-           stat((mountPoint + "/..").c_str(), &parent) == 0 && here.st_dev != parent.st_dev;
+    if (stat(mountPoint.c_str(), &here) != 0) return errno == ENOTCONN;
+    return stat((mountPoint + "/..").c_str(), &parent) == 0 && here.st_dev != parent.st_dev;
 }
 
 void forceUnmount(const std::string& mountPoint, const std::string& logPath) {
@@ -81,6 +82,43 @@ bool running(const std::string& pidFile, const std::string& program) {
     const std::string exe =
         fs::read_symlink("/proc/" + std::to_string(pid) + "/exe", ec).filename().string();
     return ec || exe == program || exe == program + " (deleted)";
+}
+
+enum class RunFolder { kFinished, kGoing, kNotOurs };
+
+// Whether a tavrend-sim-* folder of $TMPDIR is a run of this user (a folder
+// of theirs, not a link) and whether any of its processes still runs.
+RunFolder runFolder(const std::string& dir) {
+    struct stat st = {};
+    if (lstat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != getuid()) {
+        return RunFolder::kNotOurs;
+    }
+    for (const auto& [file, program] : {std::pair{"/runner.pid", "tavrendctl"},
+                                        {"/daemon.pid", "tavrend"},
+                                        {"/dravikfs.pid", "dravikfs"}}) {
+        if (running(dir + file, program)) return RunFolder::kGoing;
+    }
+    return RunFolder::kFinished;
+}
+
+// Removes one finished run; its driver is gone, so a mount left is stale.
+bool removeRun(const std::string& dir) {
+    const std::string mountPoint = dir + "/root/sys/kernel/dravik";
+    forceUnmount(mountPoint, "/dev/null");
+    std::error_code ec;
+    if (mounted(mountPoint)) {
+        fprintf(stderr,
+                "tavrendctl: cannot remove %s: a stale mount is left; clear it with: "
+                "fusermount3 -u %s\n",
+                dir.c_str(), mountPoint.c_str());
+        return false;
+    }
+    fs::remove_all(dir, ec);
+    if (ec) {
+        fprintf(stderr, "tavrendctl: cannot remove %s: %s\n", dir.c_str(), ec.message().c_str());
+        return false;
+    }
+    return true;
 }
 
 // Makes the run's folders and writes the device root. An error line, or "".
@@ -224,6 +262,7 @@ std::optional<int> setUp(const std::string& path, const Scenario& s, double scal
     run.mountPoint = run.root + "/sys/kernel/dravik";
     run.dravik = spawn(dravikfs, {"--root", run.root, "--foreground", "--die-with-parent"}, {},
                        run.logs + "/dravikfs.out", false);
+    writePid(run.base + "/dravikfs.pid", run.dravik);
     if (!waitForMount(run)) {
         fprintf(stderr, "tavrendctl: dravikfs did not mount %s (see %s/dravikfs.out)\n",
                 run.mountPoint.c_str(), run.logs.c_str());
@@ -259,31 +298,24 @@ int cleanOldRuns() {
     bool failed = false;
     for (fs::directory_iterator it(tmp, ec), end; !ec && it != end; it.increment(ec)) {
         const std::string dir = it->path().string();
-        if (!startsWith(it->path().filename().string(), "tavrend-sim-") || !it->is_directory(ec)) {
-            continue;
-        }
-        if (running(dir + "/daemon.pid", "tavrend") || running(dir + "/runner.pid", "tavrendctl") ||
-            mounted(dir + "/root/sys/kernel/dravik")) {
+        if (!startsWith(it->path().filename().string(), "tavrend-sim-")) continue;
+        const RunFolder folder = runFolder(dir);
+        if (folder == RunFolder::kGoing) {
             printf("kept %s: its run is still going\n", dir.c_str());
             ++kept;
-            continue;
-        }
-        std::error_code rm;
-        fs::remove_all(dir, rm);
-        if (rm) {
-            fprintf(stderr, "tavrendctl: cannot remove %s: %s\n", dir.c_str(),
-                    rm.message().c_str());
-            failed = true;
-        } else {
-            printf("removed %s\n", dir.c_str());
-            ++removed;
+        } else if (folder == RunFolder::kFinished) {
+            const bool gone = removeRun(dir);
+            if (gone) printf("removed %s\n", dir.c_str());
+            removed += gone ? 1 : 0;
+            failed = failed || !gone;
         }
     }
     if (ec) {
         fprintf(stderr, "tavrendctl: cannot list %s: %s\n", tmp.c_str(), ec.message().c_str());
         return 2;
     }
-    printf("%d old run%s removed, %d kept\n", removed, removed == 1 ? "" : "s", kept);
+    printf("%d finished run%s of yours removed, %d still going kept\n", removed,
+           removed == 1 ? "" : "s", kept);
     return failed ? 1 : 0;
 }
 

@@ -108,6 +108,7 @@ void printEnding(const RunInfo& run, const Outcome& o) {
                o.signalLoggedAt ? ("the daemon logged it at " + secs(*o.signalLoggedAt)).c_str()
                                 : "the daemon did not log it");
     }
+    if (o.driverStoppedAt) printf("the driver stopped at %s\n", secs(*o.driverStoppedAt).c_str());
     printf("ended: %s at %s (%s)\n", howEnded(o).c_str(), secs(o.endedAt).c_str(),
            ending(o, run.s).c_str());
     printf(
@@ -196,6 +197,7 @@ void printJsonSummary(const RunInfo& run, const Outcome& o, const std::string& v
     cJSON_AddItemToObject(r, "metric_records", recordsJson(o));
     addTime(r, "reboot_at", rebooted(o) ? o.rebootLogAt : std::nullopt);
     addTime(r, "sigterm_at", o.sigtermAt);
+    addTime(r, "driver_stopped_at", o.driverStoppedAt);
     cJSON_AddStringToObject(r, "ended", ending(o, run.s).c_str());
     cJSON_AddStringToObject(r, "exit", howEnded(o).c_str());
     cJSON_AddNumberToObject(r, "ended_at", o.endedAt);

@@ -4,12 +4,9 @@
 
 #include <cjson/cJSON.h>
 #include <fcntl.h>
-#include <poll.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -18,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "status/Follow.h"
 #include "toolbox/Commands.h"
 #include "toolbox/Text.h"
 
@@ -39,7 +37,9 @@ constexpr const char* kHelp =
     "time left until the idle override reboots the device anyway. What the log\n"
     "does not show reads 'unknown'.\n"
     "\n"
-    "--follow  print again as lines arrive (the last LOG, or standard input)\n"
+    "--follow  print again as lines arrive (the last LOG, or standard input), as\n"
+    "          'tail -F' follows: a LOG moved aside or cut back is read anew;\n"
+    "          after \"Exiting\" it waits for the next start; ^C ends it\n"
     "--json    one JSON object (one a line with --follow); see the README\n"
     "\n"
     "Exit status: 0 a run was found; 1 the log holds no run of the daemon;\n"
@@ -341,35 +341,6 @@ struct Options {
     bool json = false;
 };
 
-// Feeds the whole lines of what `fd` holds now; keeps a last partial line.
-// Returns the number of bytes read; 0 at the end, -1 on an error.
-class LineFeed {
-public:
-    explicit LineFeed(StatusReader& reader) : reader_(reader) {}
-    ssize_t readOnce(int fd) {
-        char buf[65536];
-        const ssize_t n = read(fd, buf, sizeof(buf));
-        if (n <= 0) return n;
-        partial_.append(buf, static_cast<size_t>(n));
-        size_t start = 0;
-        for (size_t nl; (nl = partial_.find('\n', start)) != std::string::npos; start = nl + 1) {
-            reader_.feed(std::string_view(partial_).substr(start, nl - start));
-        }
-        partial_.erase(0, start);
-        return n;
-    }
-    // The last line, when the log does not end in a newline.
-    void finish() {
-        if (!partial_.empty()) reader_.feed(partial_);
-        partial_.clear();
-    }
-    void reset() { partial_.clear(); }
-
-private:
-    StatusReader& reader_;
-    std::string partial_;
-};
-
 void show(const DaemonStatus& s, const Options& o, bool again) {
     if (!s.found) {
         if (!o.follow)
@@ -400,40 +371,6 @@ bool readAll(int fd, LineFeed& feed) {
     return n == 0;
 }
 
-// Follows `fd` (the last log) as it grows, printing again after new lines,
-// once they pause or at least every second. `shown`: a state was printed.
-int follow(int fd, StatusReader& reader, LineFeed& feed, const Options& o, bool shown) {
-    using Clock = std::chrono::steady_clock;
-    const bool isFile = fd != STDIN_FILENO;
-    bool changed = !shown;
-    auto lastShown = Clock::now();
-    while (true) {
-        pollfd p{fd, POLLIN, 0};
-        const int ready = isFile ? 1 : poll(&p, 1, 500);
-        const ssize_t n = ready > 0 ? feed.readOnce(fd) : 0;
-        if (n < 0 && errno != EINTR) return 2;
-        changed = changed || n > 0;
-        const bool ended = n == 0 && !isFile && ready > 0;  // the end of standard input
-        if (ended) feed.finish();
-        if (changed && (n <= 0 || Clock::now() - lastShown > std::chrono::seconds(1))) {
-            show(reader.status(), o, shown);
-            shown = shown || reader.status().found;
-            changed = false;
-            lastShown = Clock::now();
-        }
-        if (ended) return reader.status().found ? 0 : 1;
-        if (isFile && n == 0) {
-            struct stat st {};
-            // A log that was cut back (rotated) is read again from its start.
-            if (fstat(fd, &st) == 0 && st.st_size < lseek(fd, 0, SEEK_CUR)) {
-                lseek(fd, 0, SEEK_SET);
-                feed.reset();
-            }
-            poll(nullptr, 0, 1000);
-        }
-    }
-}
-
 Options optionsOf(const tavrendctl::Args& a) {
     Options o;
     o.follow = a.has("--follow");
@@ -454,11 +391,19 @@ int runStatus(const tavrendctl::Args& a) {
         if (o.follow && i + 1 == o.logs.size()) {
             // A file is read to its end first; standard input as it comes.
             bool shown = false;
-            if (!isStdin && readAll(fd, feed)) {
+            if (!isStdin) {
+                if (!readAll(fd, feed)) {
+                    fprintf(stderr, "tavrendctl: status: %s: cannot read: %s\n", o.logs[i].c_str(),
+                            strerror(errno));
+                    close(fd);
+                    return 2;
+                }
                 show(reader.status(), o, false);
                 shown = reader.status().found;
             }
-            const int status = follow(fd, reader, feed, o, shown);
+            const int status = followLog(
+                o.logs[i], fd, feed, reader, [&](bool again) { show(reader.status(), o, again); },
+                shown);
             if (!isStdin) close(fd);
             return status;
         }
