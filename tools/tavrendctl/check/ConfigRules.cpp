@@ -329,8 +329,9 @@ void RangeCheck::recovery() {
         static_cast<int64_t>(tavrend::effectivePeriod(c_.idle_detection_interval_sec));
     if (override <= interval) {
         warn(Rule::OverrideAtFirstCheck, key,
-             format("%s, not above idle_detection_interval_sec %" PRId64 " s",
-                    used(key, " s").c_str(), interval));
+             override <= 1 ? used(key, " s")
+                           : format("%s, not above idle_detection_interval_sec %" PRId64 " s",
+                                    used(key, " s").c_str(), interval));
     } else if (override < kShortOverrideSec) {
         warn(Rule::OverrideShort, key, used(key, " s"));
     } else if (override > kDaySec) {
@@ -377,10 +378,9 @@ void RangeCheck::heartbeats() {
             tavrend::effectivePeriod(b.samples) * tavrend::effectivePeriod(b.interval);
         if (every >= static_cast<uint64_t>(kHeartbeatSec)) continue;
         warn(Rule::HeartbeatOften, b.key,
-             format("%s samples of %" PRIu64 " s (%s): a heartbeat every %" PRIu64 " s, %" PRIu64
-                    " lines a day",
-                    used(b.key).c_str(), tavrend::effectivePeriod(b.interval), b.intervalKey, every,
-                    static_cast<uint64_t>(kDaySec) / every));
+             format("%s, with %s %" PRIu64 " s: a heartbeat line every %" PRIu64 " s",
+                    used(b.key).c_str(), b.intervalKey, tavrend::effectivePeriod(b.interval),
+                    every));
     }
 }
 

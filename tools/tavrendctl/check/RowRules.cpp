@@ -138,10 +138,12 @@ void checkNameOnDevice(const Row& r, const DeviceFacts& d, Findings& f) {
     if (const DeviceFacts::Process* p = meantProcess(r.name, d)) {
         const bool binder = p->comm.find("Binder") != std::string::npos;
         f.rule(Rule::RowNameMisses, r.key,
-               "%s: the daemon names process %d (short name %s, command line %s) %s%s; write %s",
+               "%s is not how the daemon names process %d (short name %s, command line %s): it "
+               "names it %s, %s",
                name.c_str(), p->pid, quoted(p->comm).c_str(), quoted(p->program).c_str(),
-               binder ? "by the last 31 characters of its command line, " : "by its short name, ",
-               quoted(p->name).c_str(), quoted(p->name).c_str());
+               quoted(p->name).c_str(),
+               binder ? "the last 31 characters of its command line (blanks removed)"
+                      : "its short name");
         return;
     }
     std::string nearest;

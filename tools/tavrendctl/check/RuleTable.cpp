@@ -54,7 +54,7 @@ const RuleText kRules[] = {
     {Rule::HeartbeatOften, "`system_mem_heartbeat_samples`, `process_mem_heartbeat_samples`",
      "left out (1), or a heartbeat more often than every 10 s (samples times the sampler's "
      "interval)",
-     "a heartbeat line that often in the system log, thousands a day"},
+     "the system log takes thousands of heartbeat lines a day"},
     {Rule::IdleIntervalLong, "`idle_detection_interval_sec`", "over 300 s",
      "the hand-over of a critical condition and every idle check wait up to that long: the "
      "reboot comes that much after the device went idle, and a shorter idle spell is missed"},
@@ -110,14 +110,13 @@ const RuleText kRules[] = {
     {Rule::RowProtected, "`name`",
      "init, tavrend, system_server, zygote, zygote64, surfaceflinger, servicemanager, "
      "hwservicemanager, vndservicemanager, ueventd (see below)",
-     "killing it panics the kernel, ends the daemon, or takes the framework or the display down "
-     "(a restart of every app) at every kill"},
+     "no row may guard it: each kill hits the whole device, not one process"},
     {Rule::RowNameNever, "`name`", "empty, over 31 characters, or holding a blank",
      "matches no process: the row never acts"},
     {Rule::RowNameMisses, "`name`",
      "a program of the root written otherwise than the daemon names it (a Binder-named process "
      "by the last 31 characters of its command line, any other by its short name)",
-     "matches no process: the row never acts; the warning gives the name to write"},
+     "the row never acts: write the name the warning gives"},
     {Rule::RowTwice, "`name`", "in two rows",
      "both rows follow the same process, and their kills count under one name"},
     {Rule::RowNoProcess, "`name`", "matching no process of the root's /proc (a note)",

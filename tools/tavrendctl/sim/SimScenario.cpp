@@ -320,8 +320,10 @@ bool findKeyTwice(const cJSON* object, const std::string& at, std::string& error
     for (const cJSON* child = object->child; child != nullptr; child = child->next) {
         const std::string where = at + "." + child->string;
         if (cJSON_GetObjectItem(object, child->string) != child) {
+            char* first = cJSON_PrintUnformatted(cJSON_GetObjectItem(object, child->string));
             error = where + " is given twice: a device reads only the first (" +
-                    printed(cJSON_GetObjectItem(object, child->string)) + "); write it once";
+                    (first != nullptr ? first : "?") + "); write it once";
+            cJSON_free(first);
             return true;
         }
         if (cJSON_IsObject(child) && findKeyTwice(child, where, error)) return true;
