@@ -277,7 +277,7 @@ private:
 
 std::string RangeCheck::used(const char* key, const char* unit) const {
     const Setting& s = settingNamed(key);
-    const std::string v = valueOf(s, c_) + unit;
+    std::string v = valueOf(s, c_) + unit;
     const cJSON* item = itemOf(root_, s);
     if (item == nullptr) {
         const cJSON* holder = s.section != nullptr ? cJSON_GetObjectItem(root_, s.section) : root_;

@@ -26,7 +26,7 @@ uint64_t readMemTotalKb() {
     return kb;
 }
 
-std::string removeBlanks(std::string s) {
+std::string removeBlanks(const std::string& s) {
     std::string out;
     for (char c : s) {
         if (c != ' ') out += c;
