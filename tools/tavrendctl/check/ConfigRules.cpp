@@ -385,10 +385,10 @@ void RangeCheck::heartbeats() {
 }
 
 void RangeCheck::processes() {
-    if (c_.proc_scan_interval_sec <= 1 &&
-        (!inFile("proc_scan_interval_sec") ||
-         itemOf(root_, settingNamed("proc_scan_interval_sec"))->valueint < 1)) {
-        warn(Rule::ProcScanEverySecond, "proc_scan_interval_sec", used("proc_scan_interval_sec"));
+    // Left out it reads 0, below 1 it is stored as 1: a scan every second either way.
+    const char* scan = "proc_scan_interval_sec";
+    if (!inFile(scan) || itemOf(root_, settingNamed(scan))->valueint < 1) {
+        warn(Rule::ProcScanEverySecond, scan, used(scan));
     }
     if (c_.num_historical_vals < 1) {
         warn(Rule::ProcessHistoryOneValue, "num_historical_vals", used("num_historical_vals"));
@@ -408,8 +408,7 @@ void RangeCheck::processes() {
          "the 4 system memory histories (measurement time / memory_read_interval_sec each)"},
         {"num_historical_vals", 2 * static_cast<int64_t>(count) * c_.num_historical_vals,
          count == 1 ? "the 2 histories of each process"
-                    : "the 2 histories of each of the root's "
-                      "processes"},
+                    : "the 2 histories of each of the root's processes"},
         {"critical_upl_bad_sample_count_threshold", c_.critical_upl_bad_sample_count_threshold,
          "the latency history"},
     };
