@@ -161,7 +161,7 @@ TEST(Tavrendctl, SimRefusesBadScenarios) {
         cJSON_Delete(json);
         ++files;
     }
-    EXPECT_EQ(files, 28u);
+    EXPECT_EQ(files, 29u);
     EXPECT_NE(ctl(root, {"sim", TAVREND_SOURCE_DIR "/README.md"}).output.find("bad scenario:"),
               std::string::npos);  // not JSON at all
     root.writeFile("/big.json", "{" + std::string(4 << 20, ' ') + "}");

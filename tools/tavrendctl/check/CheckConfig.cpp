@@ -46,8 +46,11 @@ constexpr const char* kHelp =
     "setting's effective value and where it came from (default, file or override\n"
     "file), marking those the daemon never acts on, the metric configuration and the\n"
     "guardrail rows, then one line 'warning: KEY: ...' per mistake that would make\n"
-    "the daemon misbehave, naming the value the daemon actually uses, and one line\n"
-    "'note: KEY: ...' per key set in the file that the daemon never acts on.\n"
+    "the daemon misbehave, naming the value the daemon actually uses and what the\n"
+    "device then does, and one line 'note: KEY: ...' per key set in the file that\n"
+    "the daemon never acts on and per guardrail row that matches no process of\n"
+    "the root's /proc. Guardrail limits are judged against the root's\n"
+    "/proc/meminfo.\n"
     "--json prints the same as one JSON object (see the README).\n"
     "\n"
     "Exit status: 0 no warning (notes allowed); 1 warnings (a missing or malformed\n"
@@ -115,6 +118,14 @@ private:
 
 // ---- The daemon configuration ----
 
+// A tuned copy under /data that the daemon does not read, its property unset.
+void warnIgnoredCopy(bool override, const char* copy, const char* property, Report& r) {
+    struct stat st {};
+    if (override || stat(tavrend::platform::hostPath(copy).c_str(), &st) != 0) return;
+    r.findings.rule(tavrendctl::Rule::OverrideCopyIgnored, copy, "present, but %s is not true",
+                    property);
+}
+
 // Loads the daemon configuration as the daemon does; null when it cannot.
 std::unique_ptr<JsonFile> checkDaemonConfig(ConfigVariables& config, Report& r) {
     const bool override = property_get_bool(tavrend::kConfigOverrideProperty, false);
@@ -132,6 +143,7 @@ std::unique_ptr<JsonFile> checkDaemonConfig(ConfigVariables& config, Report& r) 
         return nullptr;
     }
     const char* origin = override ? "override file" : "file";
+    warnIgnoredCopy(override, tavrend::kOverrideConfigPath, tavrend::kConfigOverrideProperty, r);
     r.out("daemon configuration: %s (%s)\n", path, origin);
     cJSON* block = cJSON_AddObjectToObject(r.doc, "daemon_config");
     cJSON_AddStringToObject(block, "path", path);
@@ -155,6 +167,16 @@ std::unique_ptr<JsonFile> checkDaemonConfig(ConfigVariables& config, Report& r) 
 using MetricConfig = TavrenMetricConfig::MetricConfig;
 
 const char* onOff(bool b) { return b ? "true" : "false"; }
+
+// Why a boolean of a file reads false when it is not the literal false.
+std::string boolCause(const cJSON* item) {
+    if (item == nullptr) return " (left out)";
+    if (cJSON_IsBool(item)) return "";
+    if (cJSON_IsString(item))
+        return " (the string " + quoted(item->valuestring) + ", where true or false belongs)";
+    return cJSON_IsNumber(item) ? " (a number, where true or false belongs)"
+                                : " (neither true nor false)";
+}
 
 void printMetricConfig(const MetricConfig& c, Report& r) {
     const auto& o = c.orreryMetricInterface;
@@ -260,26 +282,33 @@ void checkMetricConfig(const ConfigVariables& config, Report& r) {
         override ? tavrend::kOverrideMetricConfigPath : tavrend::kDefaultMetricConfigPath;
     TavrenMetricConfig& mc = TavrenMetricConfig::instance();
     const int status = mc.parseConfig(tavrend::kDefaultMetricConfigPath);
+    warnIgnoredCopy(override, tavrend::kOverrideMetricConfigPath, tavrend::kMetricOverrideProperty,
+                    r);
     r.out("\nmetric configuration: %s (%s)\n", path, override ? "override file" : "file");
     if (status != 0) {
         r.out("  not loaded\n");
         const JsonFile file(path);
         if (file.root() == nullptr) {
-            r.findings.warn(path, "%s: the daemon writes no metric record", file.failure().c_str());
+            r.findings.rule(tavrendctl::Rule::MetricsOff, path, "%s", file.failure().c_str());
         } else if (!cJSON_IsArray(cJSON_GetObjectItem(file.root(), "MetricConfig"))) {
-            r.findings.warn("MetricConfig",
-                            "missing or not an array: the daemon writes no metric record");
+            r.findings.rule(tavrendctl::Rule::MetricsOff, "MetricConfig",
+                            "missing or not an array");
         } else {
-            r.findings.warn("OrreryConfig",
-                            "missing or not an object: the daemon writes no metric record");
+            r.findings.rule(tavrendctl::Rule::MetricsOff, "OrreryConfig",
+                            "missing or not an object");
         }
         return;
     }
     const auto& o = mc.orreryConfig;
     r.out("  OrreryConfig: Enabled %s, Region %s, GroupId %s\n", onOff(o.enabled),
           quoted(o.region).c_str(), quoted(o.groupId).c_str());
-    if (!o.enabled)
-        r.findings.warn("OrreryConfig.Enabled", "false: the daemon writes no metric record");
+    if (!o.enabled) {
+        const JsonFile file(path);
+        const cJSON* item =
+            cJSON_GetObjectItem(cJSON_GetObjectItem(file.root(), "OrreryConfig"), "Enabled");
+        r.findings.rule(tavrendctl::Rule::MetricsOff, "OrreryConfig.Enabled", "false%s",
+                        boolCause(item).c_str());
+    }
     std::vector<const MetricConfig*> all;
     for (const auto& entry : mc.metricConfigs) all.push_back(&entry.second);
     std::sort(all.begin(), all.end(), [](auto* a, auto* b) { return a->name < b->name; });
@@ -372,6 +401,10 @@ int finish(Report& r, int status) {
 namespace {
 
 int checkConfig(const tavrendctl::Args& a) {
+    if (a.has("--rules-markdown")) {
+        fputs(tavrendctl::rulesMarkdown().c_str(), stdout);
+        return 0;
+    }
     Report r;
     r.json = a.has("--json");
     const char* rootArg = a.operands.empty() ? nullptr : a.operands[0].c_str();
@@ -395,7 +428,16 @@ int checkConfig(const tavrendctl::Args& a) {
     checkMetricConfig(config, r);
     std::unique_ptr<JsonFile> guardrailFile;
     const cJSON* rows = checkGuardrails(config, guardrailFile, r);
-    r.findings.append(tavrendctl::checkConfigObjects(daemonFile->root(), rows));
+    const tavrendctl::DeviceFacts device = tavrendctl::readDeviceFacts();
+    r.out("\ndevice: %s, %s\n",
+          device.memTotalKb > 0
+              ? tavrendctl::format("MemTotal %llu kB",
+                                   static_cast<unsigned long long>(device.memTotalKb))
+                    .c_str()
+              : "no /proc/meminfo (limits judged against 16 GiB)",
+          device.hasProcesses ? tavrendctl::format("%zu processes", device.processes.size()).c_str()
+                              : "no processes in /proc (names not checked)");
+    r.findings.append(tavrendctl::checkConfigObjects(daemonFile->root(), rows, &device));
     return finish(r, 0);
 }
 
@@ -404,6 +446,14 @@ int checkConfig(const tavrendctl::Args& a) {
 namespace tavrendctl {
 
 const Command kCheckConfigCommand = {
-    "check-config", "[ROOT] [--json]", kHelp, {{"--json", nullptr}}, 0, 1, false, checkConfig};
+    "check-config",
+    "[ROOT] [--json]",
+    kHelp,
+    // --rules-markdown (not in the help): the table of rules, for the README.
+    {{"--json", nullptr}, {"--rules-markdown", nullptr}},
+    0,
+    1,
+    false,
+    checkConfig};
 
 }  // namespace tavrendctl

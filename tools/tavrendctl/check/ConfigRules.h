@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "check/RuleTable.h"
 #include "config/ConfigVariables.h"
 
 namespace tavrendctl {
@@ -29,6 +30,30 @@ struct ConfigFinding {
 
 // Text from a file, in double quotes, with control characters shown as '?'.
 std::string quoted(const std::string& s);
+
+// A number the loader reads as written: whole and within 32 bits.
+bool isWholeInt32(const cJSON* item);
+
+// A number from a file as a reader writes it: whole numbers in full, never
+// in exponent form; fractions with their digits.
+std::string numberText(double d);
+
+// What the device root shows beside its configuration files.
+struct DeviceFacts {
+    uint64_t memTotalKb = 0;    // MemTotal of its /proc/meminfo; 0 when it has none
+    bool hasProcesses = false;  // it has a /proc with process folders
+    struct Process {
+        int pid = 0;
+        std::string name;     // as the daemon names it: the short name, or for a
+                              // Binder-named one the end of its command line
+        std::string comm;     // the kernel's short name
+        std::string program;  // the command line's first word, blanks removed
+    };
+    std::vector<Process> processes;
+};
+
+// Reads the facts of the device root that the host layer points at.
+DeviceFacts readDeviceFacts();
 
 // Findings as they are made, each from a printf format.
 class Findings {
@@ -51,6 +76,23 @@ public:
         add(key, fmt, ap, false, true);
         va_end(ap);
     }
+    // A warning that ends with the rule's effect: "WHAT: EFFECT".
+    [[gnu::format(printf, 4, 5)]] void rule(Rule r, const std::string& key, const char* fmt, ...) {
+        va_list ap;
+        va_start(ap, fmt);
+        addRule(r, key, fmt, ap, false);
+        va_end(ap);
+    }
+    // The same as a note: worth knowing, not a mistake.
+    [[gnu::format(printf, 4, 5)]] void ruleNote(Rule r, const std::string& key, const char* fmt,
+                                                ...) {
+        va_list ap;
+        va_start(ap, fmt);
+        addRule(r, key, fmt, ap, true);
+        va_end(ap);
+    }
+    // Whether a warning about `key` was made already.
+    bool warned(const std::string& key) const;
     void append(std::vector<ConfigFinding> more) {
         for (ConfigFinding& m : more) all_.push_back(std::move(m));
     }
@@ -59,15 +101,26 @@ public:
 
 private:
     void add(const std::string& key, const char* fmt, va_list ap, bool unknown, bool inert);
+    void addRule(Rule r, const std::string& key, const char* fmt, va_list ap, bool note);
     std::vector<ConfigFinding> all_;
 };
 
 // Checks a daemon configuration, the whole object of tavrend_config.json as
 // the daemon would read it (keys it leaves out keep the daemon's defaults),
 // and, when not null, guardrail rows (the "processes" array of the guardrail
-// file). Findings come in the order of the file's settings, then the rows.
-std::vector<ConfigFinding> checkConfigObjects(const cJSON* daemonConfig,
-                                              const cJSON* guardrailRows);
+// file), against the device when `device` is not null. Findings come in the
+// order of the file's settings, then the rows.
+std::vector<ConfigFinding> checkConfigObjects(const cJSON* daemonConfig, const cJSON* guardrailRows,
+                                              const DeviceFacts* device = nullptr);
+
+// The guardrail rows' checks (RowRules.cpp).
+void checkGuardrailRows(const cJSON* rows, const tavrend::ConfigVariables& c,
+                        const DeviceFacts* device, Findings& f);
+
+// Keys the daemon does not read, and keys given twice (it reads the first);
+// cJSON matches names regardless of case, as the loader does.
+void checkKeys(const cJSON* object, const char* const* known, size_t count,
+               const std::string& prefix, Findings& f);
 
 // The settings the daemon loads from `daemonConfig`, as its loader stores them.
 tavrend::ConfigVariables effectiveConfig(const cJSON* daemonConfig);

@@ -313,11 +313,30 @@ bool process(const cJSON* item, const std::string& what, Process& p,
     return true;
 }
 
-// Merges `patch` into `base`: objects key by key, anything else replaced.
+// A key given twice in the scenario's configuration, where a device reads the
+// first of the two (its loader looks keys up regardless of case): the run
+// would not be the device's, so the scenario is refused.
+bool findKeyTwice(const cJSON* object, const std::string& at, std::string& error) {
+    for (const cJSON* child = object->child; child != nullptr; child = child->next) {
+        const std::string where = at + "." + child->string;
+        if (cJSON_GetObjectItem(object, child->string) != child) {
+            char* first = cJSON_PrintUnformatted(cJSON_GetObjectItem(object, child->string));
+            error = where + " is given twice: a device reads only the first (" +
+                    (first != nullptr ? first : "?") + "); write it once";
+            cJSON_free(first);
+            return true;
+        }
+        if (cJSON_IsObject(child) && findKeyTwice(child, where, error)) return true;
+    }
+    return false;
+}
+
+// Merges `patch` into `base`: objects key by key, anything else replaced. Keys
+// match regardless of case, as the daemon's loader matches them.
 void merge(cJSON* base, const cJSON* patch) {
     const cJSON* child = nullptr;
     cJSON_ArrayForEach(child, patch) {
-        cJSON* existing = cJSON_GetObjectItemCaseSensitive(base, child->string);
+        cJSON* existing = cJSON_GetObjectItem(base, child->string);
         if (existing != nullptr && cJSON_IsObject(existing) && cJSON_IsObject(child)) {
             merge(existing, child);
             continue;
@@ -325,7 +344,7 @@ void merge(cJSON* base, const cJSON* patch) {
         cJSON* copy = cJSON_Duplicate(child, 1);
         if (copy == nullptr) continue;
         if (existing != nullptr) {
-            cJSON_ReplaceItemInObjectCaseSensitive(base, child->string, copy);
+            cJSON_ReplaceItemInObject(base, child->string, copy);
         } else {
             cJSON_AddItemToObject(base, child->string, copy);
         }
@@ -367,6 +386,7 @@ bool loadConfig(const cJSON* root, Scenario& s, std::string& error) {
             error = "config must be an object (the daemon's configuration, merged over defaults)";
             return false;
         }
+        if (findKeyTwice(patch, "config", error)) return false;
         merge(config.p, patch);
     }
     s.configText = printed(config.p);
