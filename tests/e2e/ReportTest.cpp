@@ -72,7 +72,7 @@ TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
         {"{\"ph\":\"C\",\"name\":\"Other Free\",\"pid\":1,\"ts\":1795460295000000,", 1},
         {"{\"ph\":\"C\",\"name\":\"Other Free\",\"pid\":2,\"ts\":1795460594000000,", 1},
         {"{\"ph\":\"i\",\"s\":\"p\",\"name\":\"Bad UPL samples\",\"pid\":2,"
-         "\"ts\":1795460603676000,\"args\":{\"ms\":1062}}",
+         "\"ts\":1795460604205000,\"args\":{\"ms\":1062}}",
          1},
         {"\"ts\":1795460604000000,\"args\":{\"ms\":1055,\"logged\":false}}", 1},
         {"\"ph\":\"i\"", 20}};
@@ -93,10 +93,14 @@ TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
     size_t dots = 0;  // one per event
     for (size_t at = 0; (at = upl.find("<circle", at)) != std::string::npos; ++at) ++dots;
     EXPECT_EQ(dots, 20u);
+    // The daemon's threshold, from its "Total samples=..." line, is drawn.
+    EXPECT_NE(upl.find(">- - threshold 1000 ms<"), std::string::npos) << upl;
     EXPECT_TRUE(fs::exists(dir / "svg/report1-rss-801-surfaceflinger.svg"));
     const std::string vendor = readText(dir / "svg/report1-rss-2210-vendor.Audio-hal_2_a__b__.svg");
     EXPECT_NE(vendor.find(">RSS of vendor.Audio-hal_2&lt;a&amp;&quot;b&quot;&gt; [2210]<"),
               std::string::npos);
+    // The bottom line is the baseline's, labelled so; the lowest sample has its own.
     EXPECT_NE(vendor.find(">min 53248 kB<"), std::string::npos) << "the sample, not the baseline";
+    EXPECT_EQ(vendor.find(">min 49152 kB<"), std::string::npos) << vendor;
     EXPECT_FALSE(fs::exists(dir / "svg/report1-upl.svg"));  // no samples, no chart
 }
