@@ -294,6 +294,13 @@ TEST(ToolsJudgement, EndingsAndWriters) {
     std::string error;
     EXPECT_TRUE(device.apply(active, error)) << error;
     EXPECT_EQ(readText(root.path() + "/dev/__properties__/sys.user_activity_detected"), "true\n");
+    sim::Event exited;  // a process that ends: its files go
+    exited.kind = sim::Event::Kind::Exit;
+    exited.pid = 4242;
+    EXPECT_TRUE(device.apply(exited, error));
+    sim::Event sample;  // not the device's to apply: nothing to do, and no failure
+    sample.kind = sim::Event::Kind::Upl;
+    EXPECT_TRUE(device.apply(sample, error));
     sim::DeviceState nowhere("/proc/self/nonexistent", s);
     EXPECT_FALSE(nowhere.apply(active, error));
     EXPECT_NE(error.find("nonexistent"), std::string::npos);
