@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -254,6 +255,30 @@ TEST(SimOnLines, TheConditionAndTheDecidingCountAreTheReports) {
     EXPECT_EQ(o.detectedAt.value_or(0), 7.0);  // the memory line, not the first condition line
     EXPECT_EQ(o.lmkKills.value_or(-1), 12);
     EXPECT_TRUE(o.lmkFromReport);
+}
+
+namespace {
+
+// The local wall clock `later` seconds after `t`, as a log stamp.
+logread::Stamp stampAt(std::chrono::system_clock::time_point t, int later) {
+    const time_t sec = std::chrono::system_clock::to_time_t(t) + later;
+    struct tm local = {};
+    localtime_r(&sec, &local);
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch());
+    return {local.tm_mon + 1, local.tm_mday, local.tm_hour,
+            local.tm_min,     local.tm_sec,  static_cast<int>(ms.count() % 1000)};
+}
+
+}  // namespace
+
+TEST(SimOnLines, LogTimesAndTheTimelineShareTheDaemonsStart) {
+    // The daemon started 2 real seconds ago at scale 10, and logs its first line now.
+    sim::LogTail log("/nonexistent", sim::Clock::now() - std::chrono::seconds(2), 10);
+    const auto now = std::chrono::system_clock::now();
+    const double first = log.timeOf(stampAt(now, 0));
+    EXPECT_NEAR(first, 20, 0.5);
+    // Its own clock runs scaled already: 5 s later on it is 5 s later here.
+    EXPECT_NEAR(log.timeOf(stampAt(now, 5)) - first, 5, 0.001);
 }
 
 // Rows that each fail on one fault of the outcome's judge, the device's
