@@ -254,6 +254,7 @@ private:
         report_->system.back().events = true;  // the bad latency samples
         report_->system.back().threshold = d.latencyThreshold;
         report_->lmkTarget = d.lmkTarget;
+        report_->lmkCounterThreshold = d.lmkCounterThreshold;
         head_ = l.at;
         year_ = clock_.year();
         pid_ = l.pid;
@@ -286,10 +287,9 @@ private:
             report_->lmkStats = stats;
             report_->lmkDeciding = decidingLmkKills(e, daemons_[pid_].lmkCounterThreshold);
         } else if (e.kind == Kind::GuardrailState) {
-            report_->guardrails.push_back({static_cast<int>(e.num("pid")),
-                                           cleanText(e.text("name")), e.unum("pss_kb"),
-                                           e.unum("soft_kb"), e.unum("hard_kb"),
-                                           static_cast<int>(e.num("kill_count"))});
+            report_->guardrails.push_back(
+                {static_cast<int>(e.num("pid")), cleanText(e.text("name")), e.unum("pss_kb"),
+                 e.unum("soft_kb"), e.unum("hard_kb"), static_cast<int>(e.num("kill_count"))});
         }
     }
 

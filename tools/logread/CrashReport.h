@@ -61,6 +61,7 @@ struct CrashReport {
     std::optional<std::array<uint64_t, 6>> lmkStats;
     std::optional<int32_t> lmkDeciding;
     std::optional<long long> lmkTarget;  // lmk_target_kills of the run, when logged
+    std::string lmkCounterThreshold;     // lmk_counter_threshold of the run, "" when not logged
     std::vector<GuardrailState> guardrails;
     std::vector<History> system;  // Other Free, Other File, Swap Free, SUnreclaim, bad UPL
     std::vector<Process> processes;

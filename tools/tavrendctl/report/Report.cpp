@@ -59,11 +59,15 @@ std::string sampling(const History& h) {
 void printDeciding(const CrashReport& r) {
     if (r.lmkStats) {
         const auto& k = *r.lmkStats;
-        printf("  LMK kills: %" PRId32 " counted against lmk_target_kills %s (persistent %" PRIu64
-               ", fg %" PRIu64 ", visible %" PRIu64 ", perceptible %" PRIu64 ", backup %" PRIu64
-               ", other %" PRIu64 ")\n",
+        const std::string classes = r.lmkCounterThreshold.empty()
+                                        ? "all classes: lmk_counter_threshold not logged"
+                                        : "classes up to " + r.lmkCounterThreshold;
+        printf("  LMK kills: %" PRId32
+               " counted against lmk_target_kills %s (%s; persistent %" PRIu64 ", fg %" PRIu64
+               ", visible %" PRIu64 ", perceptible %" PRIu64 ", backup %" PRIu64 ", other %" PRIu64
+               ")\n",
                *r.lmkDeciding, r.lmkTarget ? std::to_string(*r.lmkTarget).c_str() : "(not logged)",
-               k[0], k[1], k[2], k[3], k[4], k[5]);
+               classes.c_str(), k[0], k[1], k[2], k[3], k[4], k[5]);
     }
     for (const GuardrailState& g : r.guardrails) {
         printf("  guardrail %s [%d]: PSS %" PRIu64 " kB (soft %s, hard %s), %d kills\n",
