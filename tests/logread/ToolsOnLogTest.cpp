@@ -137,6 +137,19 @@ std::vector<logread::CrashReport> reportsOf(const std::string& log, std::string&
     return out;
 }
 
+// What the report of the test below holds, however its lines are written.
+void checkReport(const logread::CrashReport& r) {
+    EXPECT_EQ(r.condition, "Memory is being leaked, need to take action");
+    EXPECT_EQ(r.lmkDeciding.value_or(-1), 6);
+    const logread::History& upl = r.system.back();
+    EXPECT_EQ(upl.threshold.value_or(0), 500u);
+    ASSERT_EQ(upl.eventUs.size(), 2u);
+    // At their own lines, the newest two before the values line: 19:03:21.200 and
+    // 21.600 (logged while the report was written), in 2026; 22.000 is not theirs.
+    EXPECT_EQ(upl.eventUs[1].value_or(0), 1795460601600000);
+    EXPECT_EQ(upl.eventUs[0].value_or(0), 1795460601200000);
+}
+
 }  // namespace
 
 TEST(CrashReportOnLines, BadSamplesAtTheirOwnLinesAndTheDecidingCount) {
@@ -165,18 +178,17 @@ TEST(CrashReportOnLines, BadSamplesAtTheirOwnLinesAndTheDecidingCount) {
         "Values: {700, 700}\n"
         "11-23 19:03:22.000   900   902 W tavrend : Bad latency-Audio.DeviceProcessing=700 "
         "detected\n";
-    std::string notes;
-    const auto reports = reportsOf(log, notes);
-    ASSERT_EQ(reports.size(), 1u) << notes;
-    const auto& r = reports[0];
-    EXPECT_EQ(r.condition, "Memory is being leaked, need to take action");
-    EXPECT_EQ(r.lmkDeciding.value_or(-1), 6);
-    const logread::History& upl = r.system.back();
-    EXPECT_EQ(upl.threshold.value_or(0), 500u);
-    ASSERT_EQ(upl.eventUs.size(), 2u);
-    // Each at its own line: 19:03:21.200 and 21.600 (the one during the report), in 2026.
-    EXPECT_EQ(upl.eventUs[1].value_or(0), 1795460601600000);
-    EXPECT_EQ(upl.eventUs[0].value_or(0), 1795460601200000);
+    // The same as a bug report has it: the uid before the pid, CRLF.
+    std::string bugReport;
+    std::istringstream lines(log);
+    for (std::string l; std::getline(lines, l);)
+        bugReport += l.substr(0, 18) + "  1000" + l.substr(18) + "\r\n";
+    for (const std::string* text : {&log, static_cast<const std::string*>(&bugReport)}) {
+        std::string notes;
+        const auto reports = reportsOf(*text, notes);
+        ASSERT_EQ(reports.size(), 1u) << notes;
+        checkReport(reports[0]);
+    }
 }
 
 namespace {
