@@ -46,6 +46,14 @@ status::DaemonStatus statusAt(const std::string& log, const std::string& cutAfte
     return reader.status();
 }
 
+// "name=kills" of each row, in order.
+std::string kills(const status::DaemonStatus& s) {
+    std::string out;
+    for (const auto& r : s.guardrails)
+        out += (out.empty() ? "" : ",") + r.name + "=" + std::to_string(r.hardKills + r.idleKills);
+    return out;
+}
+
 std::string queued(const status::DaemonStatus& s) {
     std::string out;
     for (const auto& r : s.guardrails) {
@@ -63,22 +71,33 @@ TEST(StatusOnLines, StateAndCountsAtEachCutOfARealLog) {
     const struct {
         const char* cutAfter;  // the first line holding this text is the last one read
         status::State state;
-        long long lmkKills;
+        long long lmkKills, badSamples, totalSamples;
         const char* queued;
+        const char* kills;
         status::Condition condition;
         long long overrideIn;  // -1: none
     } cases[] = {
         // The first run, which the second one's start replaces.
-        {"09:47:10.432", status::State::Stopped, 9, "", status::Condition::Memory, -1},
-        {"Adding process 1733", status::State::Monitoring, 2, "launcher", status::Condition::None,
-         -1},
-        {"09:52:08.549", status::State::Monitoring, 2, "launcher", status::Condition::Memory, -1},
-        // The report's LMK Stats line decided, not the last heartbeat.
-        {"uptime: 1106", status::State::WaitingForIdle, 12, "launcher", status::Condition::Memory,
-         148},
-        {"uptime: 1147", status::State::WaitingForIdle, 12, "launcher", status::Condition::Memory,
-         107},
-        {"09:54:08.356", status::State::Stopped, 12, "launcher", status::Condition::Memory, -1},
+        {"09:47:10.432", status::State::Stopped, 9, 0, 0, "", "", status::Condition::Memory, -1},
+        {"Adding process 1733", status::State::Monitoring, 2, 3, 4, "launcher",
+         "media.codec=1,launcher=0", status::Condition::None, -1},
+        {"killabe_process_count=0", status::State::Monitoring, 2, 3, 4, "",
+         "media.codec=1,launcher=1", status::Condition::None, -1},
+        {"09:52:08.549", status::State::Monitoring, 2, 3, 4, "launcher", "media.codec=1,launcher=1",
+         status::Condition::Memory, -1},
+        // The crash report: the loop has ended, the idle detector not yet begun.
+        {"Total Processes Sampled: 2", status::State::WaitingForIdle, 2, 3, 4, "launcher",
+         "media.codec=1,launcher=1", status::Condition::Memory, -1},
+        // The report's LMK Stats line decided, not the last heartbeat; held by the
+        // minimum uptime 1133 s, then counting the override of 120 s.
+        {"uptime: 1106", status::State::WaitingForIdle, 12, 3, 4, "launcher",
+         "media.codec=1,launcher=1", status::Condition::Memory, 148},
+        {"uptime: 1147", status::State::WaitingForIdle, 12, 3, 4, "launcher",
+         "media.codec=1,launcher=1", status::Condition::Memory, 107},
+        {"09:54:08.343", status::State::Rebooting, 12, 3, 4, "launcher", "media.codec=1,launcher=1",
+         status::Condition::Memory, -1},
+        {"09:54:08.356", status::State::Stopped, 12, 3, 4, "launcher", "media.codec=1,launcher=1",
+         status::Condition::Memory, -1},
     };
     for (const std::string* text : {&log, static_cast<const std::string*>(&crlf)}) {
         for (const auto& c : cases) {
@@ -87,7 +106,10 @@ TEST(StatusOnLines, StateAndCountsAtEachCutOfARealLog) {
             ASSERT_TRUE(s.found);
             EXPECT_EQ(s.state, c.state);
             EXPECT_EQ(s.lmkKills.value_or(-1), c.lmkKills);
+            EXPECT_EQ(s.badSamples.value_or(0), c.badSamples);
+            EXPECT_EQ(s.totalSamples.value_or(0), c.totalSamples);
             EXPECT_EQ(queued(s), c.queued);
+            EXPECT_EQ(kills(s), c.kills);
             EXPECT_EQ(s.condition, c.condition);
             EXPECT_EQ(status::overrideInSec(s).value_or(-1), c.overrideIn);
         }
