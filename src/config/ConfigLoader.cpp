@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "common/Log.h"
+#include "common/LogMessages.h"
 #include "common/NoDestroy.h"
 #include "config/Constants.h"
 #include "config/cjson_ext.h"
@@ -160,10 +161,10 @@ int tavren_config_load(ConfigVariables& config) {
 bool parseJSONConfig(ConfigVariables& c) {
     TLOGI("Parsing JSON config");
     if (tavren_config_load(c) != 0) {
-        TLOGE("Could not parse tavren_config.json file");
+        TLOGE(TAVREND_MSG_CONFIG_UNPARSED);
         return false;
     }
-    TLOGI("Configuration:");
+    TLOGI(TAVREND_MSG_CONFIG_BEGIN);
     TLOGI("memory_read_interval_sec: %d", c.memory_read_interval_sec);
     TLOGI("critical_memory_threshold_percent: %d", c.critical_memory_threshold_percent);
     TLOGI("critical_memory_bucket: %d", c.critical_memory_bucket);
@@ -193,7 +194,7 @@ bool parseJSONConfig(ConfigVariables& c) {
     TLOGI("pss_sleep_interval_sec: %d", c.pss_sleep_interval_sec);
     TLOGI("process_kill_metrics_interval_sec: %d", c.process_kill_metrics_interval_sec);
     TLOGI("sample: %s", c.sample ? "true" : "false");
-    TLOGI("---------------------------------");
+    TLOGI(TAVREND_MSG_CONFIG_END);
     return true;
 }
 

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "common/Log.h"
+#include "common/LogMessages.h"
 #include "config/cjson_ext.h"
 
 namespace tavrend {
@@ -46,7 +47,7 @@ int loadMemoryGuardrailConfig(std::vector<MemoryGuardrailConfig>& configs) {
             continue;
         }
         MemoryGuardrailConfig row{name->valuestring, limitOf(soft), limitOf(hard)};
-        TLOGI("Guardrailing %s soft_memory_limit %llu hard_memory_limit %llu", row.name.c_str(),
+        TLOGI(TAVREND_MSG_GUARDRAIL_ROW, row.name.c_str(),
               static_cast<unsigned long long>(row.soft_memory_limit),
               static_cast<unsigned long long>(row.hard_memory_limit));
         configs.push_back(std::move(row));

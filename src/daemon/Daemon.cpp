@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "common/Log.h"
+#include "common/LogMessages.h"
 #include "common/NoDestroy.h"
 #include "common/SigtermBlock.h"
 #include "config/ConfigLoader.h"
@@ -71,9 +72,9 @@ bool loadConfigurations(DaemonRecords& records) {
     }
 
     if (!config.process_guardrail_monitoring_enabled) {
-        TLOGW("Memory guardrailing is disabled in config");
+        TLOGW(TAVREND_MSG_GUARDRAILS_OFF);
     } else if (loadMemoryGuardrailConfig(records.guardrailConfigs) != 0) {
-        TLOGW("Failed to load Process memory guardrail config, disabling guardrail monitor");
+        TLOGW(TAVREND_MSG_GUARDRAIL_CONFIG_FAILED);
         config.process_guardrail_monitoring_enabled = false;
     }
     return true;
@@ -129,7 +130,7 @@ void runLoop(int signalFd, SamplerList& samplers, CriticalConditionType& critica
     try {
         startMonitoring(signalFd, samplers, criticalCondition, idleDetector);
     } catch (const std::exception& e) {
-        TLOGE("main failed, reason=runttimeFailed %s", e.what());
+        TLOGE(TAVREND_MSG_MAIN_FAILED, e.what());
     }
 }
 
@@ -158,7 +159,7 @@ void handOver(CriticalConditionType criticalCondition, IdleDetector& idleDetecto
 }  // namespace
 
 void initMonitors(SamplerList& samplers) {
-    TLOGI("Initializing samplers...");
+    TLOGI(TAVREND_MSG_INIT_SAMPLERS);
     for (auto it = samplers.begin(); it != samplers.end();) {
         if ((*it)->init()) {
             ++it;
@@ -169,7 +170,7 @@ void initMonitors(SamplerList& samplers) {
 }
 
 int daemonMain() {
-    TLOGI("Starting Tavren Daemon");
+    TLOGI(TAVREND_MSG_START);
     TLOGI("Setting up Config Variables");
     std::unique_ptr<std::thread> idleThread;
     auto records = std::make_unique<DaemonRecords>();
@@ -182,7 +183,7 @@ int daemonMain() {
         uninitializeMonitors(samplers);
         handOver(criticalCondition, *records->idleDetector, idleThread);
     } catch (const std::exception& e) {
-        TLOGE("main failed, reason=runttimeFailed %s", e.what());
+        TLOGE(TAVREND_MSG_MAIN_FAILED, e.what());
     }
 
     // Guardrail passes (the idle thread is started early with their monitor),
@@ -191,7 +192,7 @@ int daemonMain() {
     if (idleThread || records->uplMonitor) *gLingeringRecords = std::move(records);
     records.reset();
 
-    TLOGI("Exiting");
+    TLOGI(TAVREND_MSG_EXITING);
     // With the idle thread started early and still running (SIGTERM with the
     // guardrail enabled), destroying its handle ends the process through the
     // runtime's termination handler, after "Exiting". Intended.

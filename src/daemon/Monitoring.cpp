@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "common/Log.h"
+#include "common/LogMessages.h"
 #include "platform/time_seam.h"
 
 namespace tavrend {
@@ -33,12 +34,12 @@ bool startMonitoring(int& fd, SamplerList& samplers, CriticalConditionType& resu
             }
             if (found != NO_CRITICAL_CONDITION) {
                 result = found;
-                TLOGE("------Tavrend Crash Report------");
+                TLOGE(TAVREND_MSG_REPORT);
                 time_t now = platform::wallClockNow();
                 char when[64];
                 // ctime's text ends in a newline, which the log drops.
                 if (ctime_r(&now, when) == nullptr) when[0] = '\0';
-                TLOGE("Date & Time: %s", when);
+                TLOGE(TAVREND_MSG_REPORT_DATE, when);
                 for (auto& sampler : samplers) sampler->dumpReport();
                 return true;
             }
@@ -49,7 +50,7 @@ bool startMonitoring(int& fd, SamplerList& samplers, CriticalConditionType& resu
             if (FD_ISSET(fd, &readSet)) {
                 struct signalfd_siginfo info;
                 if (read(fd, &info, sizeof(info)) == static_cast<ssize_t>(sizeof(info))) {
-                    TLOGI("Received signal %d", static_cast<int>(info.ssi_signo));
+                    TLOGI(TAVREND_MSG_SIGNAL, static_cast<int>(info.ssi_signo));
                 }
             }
             return false;

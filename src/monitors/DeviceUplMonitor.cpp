@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "common/Log.h"
+#include "common/LogMessages.h"
 #include "common/SigtermBlock.h"
 #include "monitors/TavrendIPC.h"
 
@@ -19,7 +20,7 @@ DeviceUplMonitor::DeviceUplMonitor(const ConfigVariables& config)
 
 bool DeviceUplMonitor::init() {
     if (!config.dupl_monitoring_enabled) return false;
-    TLOGI("Initializing Device UPL Monitor");
+    TLOGI(TAVREND_MSG_INIT_UPL_MONITOR);
     android::ProcessState::self();
     // The service manager keeps the only reference; a failed registration
     // goes unnoticed, as on a device.
@@ -40,16 +41,15 @@ void DeviceUplMonitor::recordDupl(int latencyMs) {
     if (latencyMs >= config.critical_upl_threshold_ms) {
         badSamples->putElement(static_cast<uint64_t>(static_cast<int64_t>(latencyMs)));
         badSampleCount.fetch_add(1, std::memory_order_relaxed);
-        TLOGW("Bad latency-Audio.DeviceProcessing=%d detected", latencyMs);
+        TLOGW(TAVREND_MSG_BAD_SAMPLE, latencyMs);
         // Every bad sample from the one that fills the ring on raises it again.
         if (badSamples->isFull()) {
-            TLOGW("Critical UPL condition detected since bad sample count threshold reached");
+            TLOGW(TAVREND_MSG_LATENCY_CONDITION);
             setCriticalConditionDetected(CRITICAL_UPL);
         }
     }
     const int32_t total = totalSampleCount.fetch_add(1, std::memory_order_relaxed) + 1;
-    TLOGI("Total samples=%d, bad samples=%d, bad sample threshold=%d, bad upl threshold=%d", total,
-          badSampleCount.load(std::memory_order_relaxed),
+    TLOGI(TAVREND_MSG_LATENCY_COUNTS, total, badSampleCount.load(std::memory_order_relaxed),
           config.critical_upl_bad_sample_count_threshold, config.critical_upl_threshold_ms);
 }
 
@@ -58,7 +58,7 @@ void DeviceUplMonitor::dumpReport() {
     badSamples->printListBufferLimit(chunks, 60);
     TLOGE("------Device UPL info------");
     for (const std::string& chunk : chunks) {
-        TLOGE("UserPerceivedLatency.Audio.DeviceProcessing Values: %s", chunk.c_str());
+        TLOGE(TAVREND_MSG_UPL_VALUES, chunk.c_str());
     }
 }
 

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "common/Log.h"
+#include "common/LogMessages.h"
 #include "stats/TextScan.h"
 
 namespace tavrend {
@@ -17,10 +18,10 @@ using quillend::text::LineBuffer;
 using quillend::text::parseInt;
 
 bool killProcess(int pid) {
-    TLOGI("Trying to kill pid %d", pid);
+    TLOGI(TAVREND_MSG_KILL_TRY, pid);
     FILE* request = openDeviceFile(kDravikKillPath, "r+");
     if (request == nullptr) {
-        TLOGE("Failed to open %s for write", kDravikKillPath);
+        TLOGE(TAVREND_MSG_OPEN_FOR_WRITE_FAILED, kDravikKillPath);
         return false;
     }
     char text[16];
@@ -30,7 +31,7 @@ bool killProcess(int pid) {
 
     File answer(openDeviceFile(kDravikKillPath, "r"));
     if (!answer) {
-        TLOGE("Failed to open %s", kDravikKillPath);
+        TLOGE(TAVREND_MSG_OPEN_FAILED, kDravikKillPath);
         return false;
     }
     // One decimal number; one past int's range saturates, so it is not 0.
@@ -39,17 +40,17 @@ bool killProcess(int pid) {
         LineBuffer line;
         if (line.read(answer.get()) != -1 && !parseInt(line.data, status)) {
             // An answer that isn't a number leaves the status at 0: success. Intended.
-            TLOGE("Failed to sscanf %s", kDravikKillPath);
+            TLOGE(TAVREND_MSG_SCAN_FAILED, kDravikKillPath);
         }
     }
     answer.reset();
 
     if (status != 0) {
         // The reason is errno as it stands, not the driver's status. Intended.
-        TLOGE("Error killing pid %d: %s", pid, strerror(errno));
+        TLOGE(TAVREND_MSG_KILL_ERROR, pid, strerror(errno));
         return false;
     }
-    TLOGI("Successfully killed pid %d", pid);
+    TLOGI(TAVREND_MSG_KILL_DONE, pid);
     return true;
 }
 

@@ -7,6 +7,7 @@
 
 #include "common/DevicePaths.h"
 #include "common/Log.h"
+#include "common/LogMessages.h"
 #include "common/NoDestroy.h"
 #include "platform/time_seam.h"
 #include "stats/StatUtil.h"
@@ -30,7 +31,7 @@ ProcessMemorySampler::ProcessMemorySampler(const ConfigVariables& cfg) : config(
 }
 
 bool ProcessMemorySampler::init() {
-    TLOGI("Initializing Process Memory Sampler");
+    TLOGI(TAVREND_MSG_INIT_PROCESS_SAMPLER);
     // Looked up once per process, on the first call, and kept to the end, like
     // every static of the daemon (nothing is destroyed at exit).
     static const NoDestroy<const android::sp<IMemtrack>> memtrack(IMemtrack::getService("default"));
@@ -120,10 +121,10 @@ void ProcessMemorySampler::dumpReport() {
         std::string swaps;
         stat.rssTotalHistory->printList(totals);
         stat.rswapHistory->printList(swaps);
-        TLOGE("PID: %d Process Name: %s", pid, stat.name.c_str());
-        TLOGE("RSS Total: %s, RSS Total baseline: %llu", totals.c_str(),
+        TLOGE(TAVREND_MSG_PROCESS, pid, stat.name.c_str());
+        TLOGE(TAVREND_MSG_RSS_VALUES, totals.c_str(),
               static_cast<unsigned long long>(stat.rssTotalBaseline));
-        TLOGE("RSwap: %s, RSwap baseline: %llu", swaps.c_str(),
+        TLOGE(TAVREND_MSG_RSWAP_VALUES, swaps.c_str(),
               static_cast<unsigned long long>(stat.rswapBaseline));
         // One second per process, even for hundreds of them; intended, it
         // keeps the report from flooding the log buffer.

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "common/Log.h"
+#include "common/LogMessages.h"
 #include "common/NoDestroy.h"
 #include "config/Constants.h"
 #include "metrics/TavrenMetricConfig.h"
@@ -37,7 +38,7 @@ ProcessPssGuardrailMonitor::ProcessPssGuardrailMonitor(
       metric(metricName) {}
 
 bool ProcessPssGuardrailMonitor::init() {
-    TLOGI("Initializing Process Guardrail Monitor");
+    TLOGI(TAVREND_MSG_INIT_GUARDRAIL_MONITOR);
     std::lock_guard<std::mutex> lock(guardrailLock());
     for (const MemoryGuardrailConfig& row : guardrailConfigs) {
         TLOGI("Guardrailing %s %llu %llu", row.name.c_str(), ull(row.soft_memory_limit),
@@ -48,7 +49,7 @@ bool ProcessPssGuardrailMonitor::init() {
         entry.memoryHardLimit = row.hard_memory_limit;
         int pid = 0;
         if (StatUtil::pidOf(entry.name, pid)) {
-            TLOGI("found pid %d of name %s", pid, entry.name.c_str());
+            TLOGI(TAVREND_MSG_FOUND_PID, pid, entry.name.c_str());
             entry.pid = pid;
         }
         guardrails.push_back(std::move(entry));
@@ -90,7 +91,7 @@ void ProcessPssGuardrailMonitor::checkAgainstGuardrail() {
                 entry.pid = pid;
                 checkProcessAgainstGuardrail(entry);
             } else {
-                TLOGW("%s is not running", entry.name.c_str());
+                TLOGW(TAVREND_MSG_NOT_RUNNING, entry.name.c_str());
             }
         }
         if (config.pss_sleep_interval_sec >= 1) {
@@ -103,31 +104,24 @@ bool ProcessPssGuardrailMonitor::checkProcessAgainstGuardrail(ProcessPssGuardrai
     uint64_t pss = 0;
     if (!StatUtil::getProcessPss(entry.pid, pss)) return false;
     entry.totalPss = pss;
-    TLOGI(
-        "Pid: %d, Name: %s, TotalPss: %llu kB, MemorySoftLimit: %llu kB, MemoryHardLimit: "
-        "%llu kB",
-        entry.pid, entry.name.c_str(), ull(pss), ull(entry.memorySoftLimit),
-        ull(entry.memoryHardLimit));
+    TLOGI(TAVREND_MSG_PSS_READING, entry.pid, entry.name.c_str(), ull(pss),
+          ull(entry.memorySoftLimit), ull(entry.memoryHardLimit));
     if (pss > entry.memorySoftLimit) {
         if (pss <= entry.memoryHardLimit) {
-            TLOGE(
-                "Memory usage for %s (%d) exceeds soft guardrails, queuing up kill on device "
-                "idle",
-                entry.name.c_str(), entry.pid);
+            TLOGE(TAVREND_MSG_OVER_SOFT, entry.name.c_str(), entry.pid);
             if (entry.killable) return true;
             entry.killable = true;
-            TLOGI("Adding process %d to killable list", entry.pid);
+            TLOGI(TAVREND_MSG_QUEUED, entry.pid);
             killableCount.fetch_add(1, std::memory_order_relaxed);
         } else {
-            TLOGE("Memory usage for %s (%d) exceeds hard guardrails, killing it immediately",
-                  entry.name.c_str(), entry.pid);
+            TLOGE(TAVREND_MSG_HARD_KILL, entry.name.c_str(), entry.pid);
             killProcess(entry.pid);
             // Counted whatever the kill's result; a queued entry stays queued.
             ++entry.killCount;
         }
     } else if (entry.killable) {
         entry.killable = false;
-        TLOGI("Removing process %d from killable list", entry.pid);
+        TLOGI(TAVREND_MSG_UNQUEUED, entry.pid);
         killableCount.fetch_sub(1, std::memory_order_relaxed);
     }
     return true;
@@ -142,16 +136,15 @@ void ProcessPssGuardrailMonitor::enforceGuardrail() {
         if (StatUtil::getProcessPss(entry.pid, pss) && pss <= entry.memorySoftLimit) {
             killableCount.fetch_sub(1, std::memory_order_relaxed);
             entry.killable = false;
-            TLOGI("process=%s pid=%d TotalPss: %llu kB, no longer over MemorySoftLimit: %llu kB,",
-                  entry.name.c_str(), entry.pid, ull(pss), ull(entry.memorySoftLimit));
+            TLOGI(TAVREND_MSG_BACK_UNDER, entry.name.c_str(), entry.pid, ull(pss),
+                  ull(entry.memorySoftLimit));
         } else {
             // An unreadable PSS kills too. Intended.
             killProcess(entry.pid);
             ++entry.killCount;
             const int left = killableCount.fetch_sub(1, std::memory_order_relaxed) - 1;
             entry.killable = false;
-            TLOGI("process=%s pid=%d kill_count=%d killabe_process_count=%d", entry.name.c_str(),
-                  entry.pid, entry.killCount, left);
+            TLOGI(TAVREND_MSG_IDLE_KILL, entry.name.c_str(), entry.pid, entry.killCount, left);
         }
     }
 }
@@ -176,11 +169,8 @@ void ProcessPssGuardrailMonitor::emitMetrics() {
 void ProcessPssGuardrailMonitor::dumpReport() {
     std::lock_guard<std::mutex> lock(guardrailLock());
     for (const ProcessPssGuardrail& entry : guardrails) {
-        TLOGI(
-            "Pid: %d, Name: %s, TotalPss: %llu, MemorySoftLimit: %llu, MemoryHardLimit: %llu, "
-            "KillCount: %d",
-            entry.pid, entry.name.c_str(), ull(entry.totalPss), ull(entry.memorySoftLimit),
-            ull(entry.memoryHardLimit), entry.killCount);
+        TLOGI(TAVREND_MSG_GUARDRAIL_STATE, entry.pid, entry.name.c_str(), ull(entry.totalPss),
+              ull(entry.memorySoftLimit), ull(entry.memoryHardLimit), entry.killCount);
     }
 }
 

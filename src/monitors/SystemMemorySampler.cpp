@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "common/Log.h"
+#include "common/LogMessages.h"
 
 namespace tavrend {
 namespace {
@@ -56,7 +57,7 @@ SystemMemorySampler::SystemMemorySampler(const ConfigVariables& cfg)
 }
 
 bool SystemMemorySampler::init() {
-    TLOGI("Initializing System Memory Sampler");
+    TLOGI(TAVREND_MSG_INIT_SYSTEM_SAMPLER);
     bucketThresholdKb = static_cast<uint32_t>(getSelectedBucketThreshold());
     // A 32-bit signed product, wrapped as the 32-bit multiply would, then
     // divided truncating toward zero.
@@ -80,7 +81,7 @@ bool SystemMemorySampler::fetch() {
         }
         isMemoryCritical();
         if (!lmkKillsUnderThreshold()) {
-            TLOGE("Memory is being leaked, need to take action");
+            TLOGE(TAVREND_MSG_MEMORY_CONDITION);
             memoryLeakDetected = true;
             setCriticalConditionDetected(CRITICAL_MEMORY);
         }
@@ -89,8 +90,8 @@ bool SystemMemorySampler::fetch() {
         TLOGE("SystemMemorySampler failed, reason=runttimeFailed %s", e.what());
     }
     if (sampleCount % effectivePeriod(config.system_mem_heartbeat_samples) == 0) {
-        TLOGI("SystemMemorySampler heartbeat %llu, lmk_current_kills %d",
-              static_cast<unsigned long long>(sampleCount), lmkCurrentKills);
+        TLOGI(TAVREND_MSG_SYSTEM_HEARTBEAT, static_cast<unsigned long long>(sampleCount),
+              lmkCurrentKills);
     }
     ++sampleCount;
     return ok;
@@ -163,10 +164,10 @@ uint64_t SystemMemorySampler::getSelectedBucketThreshold() {
 }
 
 void SystemMemorySampler::dumpReport() {
-    logRing("Other Free historical values: %s", *otherFreeHistory);
-    logRing("Other File historical values: %s", *otherFileHistory);
-    logRing("mem_swap_free historical values: %s", *swapFreeHistory);
-    logRing("mem_s_unreclaim historical values: %s", *sUnreclaimHistory);
+    logRing(TAVREND_MSG_OTHER_FREE_VALUES, *otherFreeHistory);
+    logRing(TAVREND_MSG_OTHER_FILE_VALUES, *otherFileHistory);
+    logRing(TAVREND_MSG_SWAP_FREE_VALUES, *swapFreeHistory);
+    logRing(TAVREND_MSG_SUNRECLAIM_VALUES, *sUnreclaimHistory);
 
     TLOGE("Other Free Samples Taken: %d samples", static_cast<int>(otherFreeHistory->size()));
     TLOGE("Other File Samples Taken: %d samples", static_cast<int>(otherFileHistory->size()));
@@ -189,8 +190,7 @@ void SystemMemorySampler::dumpReport() {
 
     TLOGE("Total Low WM: %llu kB", static_cast<ull>(totalLowWatermarkKb));
     TLOGE("Total High WM: %llu kB", static_cast<ull>(totalHighWatermarkKb));
-    TLOGE("LMK Stats persistent %llu fg %llu visible %llu perceptible %llu backup %llu other %llu",
-          static_cast<ull>(lmkStats[0]), static_cast<ull>(lmkStats[1]),
+    TLOGE(TAVREND_MSG_LMK_STATS, static_cast<ull>(lmkStats[0]), static_cast<ull>(lmkStats[1]),
           static_cast<ull>(lmkStats[2]), static_cast<ull>(lmkStats[3]),
           static_cast<ull>(lmkStats[4]), static_cast<ull>(lmkStats[5]));
 }

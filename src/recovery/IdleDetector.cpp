@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "common/Log.h"
+#include "common/LogMessages.h"
 #include "common/NoDestroy.h"
 #include "config/Constants.h"
 #include "metrics/TavrenMetricConfig.h"
@@ -46,7 +47,7 @@ void IdleDetector::trackIdleStatus() {
         getDeviceIdleStatus();
         platform::sleepSeconds(intervalSec(config));
     } while (!criticalConditionDetected.load(std::memory_order_acquire));
-    TLOGI("Critical condition is detected");
+    TLOGI(TAVREND_MSG_CONDITION_DETECTED);
     execute(criticalConditionType.load(std::memory_order_acquire));
 }
 
@@ -66,8 +67,7 @@ void IdleDetector::execute(const CriticalConditionType& condition) {
     TavrenMetricConfig::MetricConfig entry;
     const bool haveEntry = TavrenMetricConfig::instance().getMetricConfig(IDLE_DETECTOR, entry);
     const unsigned uptime = readUptimeSec();
-    TLOGI("Starting post-critical condition idle detection at Uptime: %lu",
-          static_cast<unsigned long>(uptime));
+    TLOGI(TAVREND_MSG_IDLE_START, static_cast<unsigned long>(uptime));
     std::string name;
     if (condition == CRITICAL_MEMORY) {
         name = UPTIME_TILL_CRITICAL_MEM;
@@ -94,17 +94,14 @@ void IdleDetector::waitForIdleAndRecover(unsigned startUptime) {
             try {
                 if (static_cast<int64_t>(uptime - firstEligibleUptime) >=
                     config.critical_memory_idle_override_time_sec) {
-                    TLOGE("Waited long enough, overriding idle after %lu secs",
-                          static_cast<unsigned long>(waited));
+                    TLOGE(TAVREND_MSG_IDLE_OVERRIDE, static_cast<unsigned long>(waited));
                     emitDuration(UPTIME_TILL_IDLE_OVERRIDE, uptime);
                     publishDuration(haveEntry, legacyActive, UPTIME_TILL_IDLE_OVERRIDE, uptime);
                     break;
                 }
                 if (getDeviceIdleStatus()) {
-                    TLOGE(
-                        "No user activity, current uptime %lu secs, was waiting for idle for %lu "
-                        "secs",
-                        static_cast<unsigned long>(uptime), static_cast<unsigned long>(waited));
+                    TLOGE(TAVREND_MSG_IDLE_REACHED, static_cast<unsigned long>(uptime),
+                          static_cast<unsigned long>(waited));
                     emitDuration(TIME_TILL_IDLE, waited);
                     emitDuration(UPTIME_TILL_REBOOT, uptime);
                     publishDuration(haveEntry, legacyActive, TIME_TILL_IDLE, waited);
@@ -117,13 +114,12 @@ void IdleDetector::waitForIdleAndRecover(unsigned startUptime) {
             }
         }
         if (pass % 10 == 0) {
-            TLOGI(
-                "IdleDetector heartbeat current uptime: %lu secs, waiting for idle since %lu secs",
-                static_cast<unsigned long>(uptime), static_cast<unsigned long>(waited));
+            TLOGI(TAVREND_MSG_IDLE_HEARTBEAT, static_cast<unsigned long>(uptime),
+                  static_cast<unsigned long>(waited));
         }
         platform::sleepSeconds(intervalSec(config));
     }
-    TLOGE("Rebooting device");
+    TLOGE(TAVREND_MSG_REBOOTING);
     // Not checked: on a device init performs the restart and this process ends.
     property_set(kPowerCtlProperty, "reboot");
 }

@@ -17,6 +17,7 @@
 #include <string_view>
 
 #include "common/DevicePaths.h"
+#include "common/LogMessages.h"
 #include "common/NoDestroy.h"
 #include "platform/device_root.h"
 #include "platform/time_seam.h"
@@ -369,7 +370,7 @@ bool StatUtil::getProcessRss(int pid, ProcessRssInfoKb& info) {
     info = ProcessRssInfoKb{};
     DeviceText file(path);
     if (!file.isOpen()) {
-        STAT_LOGE("Failed to open %s file", path);
+        STAT_LOGE(TAVREND_MSG_STAT_OPEN_FAILED, path);
         return false;
     }
     // "VmRSS:\t    5124 kB" and "VmSwap:\t       0 kB"; a kernel thread has
@@ -396,7 +397,7 @@ bool StatUtil::getProcessPssDravik(int pid, uint64_t& pssKb) {
     {
         File f(openDeviceFile(kDravikPssPath, "r+"));
         if (!f) {
-            STAT_LOGE("Failed to open %s for write", kDravikPssPath);
+            STAT_LOGE(TAVREND_MSG_OPEN_FOR_WRITE_FAILED, kDravikPssPath);
             return false;
         }
         // Unbuffered, so that the fputs below is the write(2) that reaches the
@@ -416,14 +417,14 @@ bool StatUtil::getProcessPssDravik(int pid, uint64_t& pssKb) {
             LineBuffer discard;
             discard.read(f.get());
             f.reset();
-            STAT_LOGE("Failed to write %s", kDravikPssPath);
+            STAT_LOGE(TAVREND_MSG_STAT_WRITE_FAILED, kDravikPssPath);
             return false;
         }
     }
     // The driver now holds the requested id; its answer is one decimal number.
     File f(openDeviceFile(kDravikPssPath, "r"));
     if (!f) {
-        STAT_LOGE("Failed to open %s", kDravikPssPath);
+        STAT_LOGE(TAVREND_MSG_OPEN_FAILED, kDravikPssPath);
         return false;
     }
     LineBuffer answer;
@@ -432,7 +433,7 @@ bool StatUtil::getProcessPssDravik(int pid, uint64_t& pssKb) {
         if (parseU64(answer.data, value)) {
             pssKb += value;
         } else {
-            STAT_LOGE("Failed to sscanf %s", kDravikPssPath);
+            STAT_LOGE(TAVREND_MSG_SCAN_FAILED, kDravikPssPath);
         }
     }
     // Intended: a process the driver can't measure reads as 0, not as a failure.

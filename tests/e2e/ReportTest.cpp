@@ -18,6 +18,34 @@ namespace fs = std::filesystem;
 
 const std::string kLog = TAVREND_SOURCE_DIR "/tests/e2e/testdata/report_system.log";
 
+namespace {
+
+// The charts of the first case's --svg: labels on the lines they name, the
+// latency chart's threshold, one dot per event.
+void checkCharts(const fs::path& dir) {
+    const std::string chart = readText(dir / "report1-other-free.svg");
+    EXPECT_NE(chart.find(">max 113920 kB<"), std::string::npos) << chart;
+    EXPECT_NE(chart.find(">min 37888 kB<"), std::string::npos);
+    EXPECT_NE(chart.find(">-154 s<"), std::string::npos);
+    EXPECT_NE(chart.find(">78 samples, 2 s apart<"), std::string::npos);
+    const std::string upl = readText(dir / "report2-upl.svg");
+    EXPECT_NE(upl.find(">20 events, in the order received<"), std::string::npos);
+    size_t dots = 0;  // one per event
+    for (size_t at = 0; (at = upl.find("<circle", at)) != std::string::npos; ++at) ++dots;
+    EXPECT_EQ(dots, 20u);
+    // The daemon's threshold, from its "Total samples=..." line, is drawn.
+    EXPECT_NE(upl.find(">- - threshold 1000 ms<"), std::string::npos) << upl;
+    EXPECT_TRUE(fs::exists(dir / "report1-rss-801-surfaceflinger.svg"));
+    const std::string vendor = readText(dir / "report1-rss-2210-vendor.Audio-hal_2_a__b__.svg");
+    EXPECT_NE(vendor.find(">RSS of vendor.Audio-hal_2&lt;a&amp;&quot;b&quot;&gt; [2210]<"),
+              std::string::npos);
+    // The bottom line is the baseline's, labelled so; the lowest sample has its own.
+    EXPECT_NE(vendor.find(">min 53248 kB<"), std::string::npos) << "the sample, not the baseline";
+    EXPECT_NE(vendor.find("y=\"160\">49152 kB<"), std::string::npos) << vendor;
+}
+
+}  // namespace
+
 TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
     const DeviceRoot root;  // a scratch directory
     const fs::path dir = root.path();
@@ -72,7 +100,7 @@ TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
         {"{\"ph\":\"C\",\"name\":\"Other Free\",\"pid\":1,\"ts\":1795460295000000,", 1},
         {"{\"ph\":\"C\",\"name\":\"Other Free\",\"pid\":2,\"ts\":1795460594000000,", 1},
         {"{\"ph\":\"i\",\"s\":\"p\",\"name\":\"Bad UPL samples\",\"pid\":2,"
-         "\"ts\":1795460603676000,\"args\":{\"ms\":1062}}",
+         "\"ts\":1795460604205000,\"args\":{\"ms\":1062}}",
          1},
         {"\"ts\":1795460604000000,\"args\":{\"ms\":1055,\"logged\":false}}", 1},
         {"\"ph\":\"i\"", 20}};
@@ -83,20 +111,6 @@ TEST(ReportE2E, SummarizesExportsAndRejectsBadLogs) {
     }
     // system_server's swap history is two samples long: they end with its RSS.
     EXPECT_NE(readText(dir / "cut.json").find(",\"RSwap kB\":1}}"), std::string::npos);
-    const std::string chart = readText(dir / "svg/report1-other-free.svg");
-    EXPECT_NE(chart.find(">max 113920 kB<"), std::string::npos) << chart;
-    EXPECT_NE(chart.find(">min 37888 kB<"), std::string::npos);
-    EXPECT_NE(chart.find(">-154 s<"), std::string::npos);
-    EXPECT_NE(chart.find(">78 samples, 2 s apart<"), std::string::npos);
-    const std::string upl = readText(dir / "svg/report2-upl.svg");
-    EXPECT_NE(upl.find(">20 events, in the order received<"), std::string::npos);
-    size_t dots = 0;  // one per event
-    for (size_t at = 0; (at = upl.find("<circle", at)) != std::string::npos; ++at) ++dots;
-    EXPECT_EQ(dots, 20u);
-    EXPECT_TRUE(fs::exists(dir / "svg/report1-rss-801-surfaceflinger.svg"));
-    const std::string vendor = readText(dir / "svg/report1-rss-2210-vendor.Audio-hal_2_a__b__.svg");
-    EXPECT_NE(vendor.find(">RSS of vendor.Audio-hal_2&lt;a&amp;&quot;b&quot;&gt; [2210]<"),
-              std::string::npos);
-    EXPECT_NE(vendor.find(">min 53248 kB<"), std::string::npos) << "the sample, not the baseline";
+    checkCharts(dir / "svg");
     EXPECT_FALSE(fs::exists(dir / "svg/report1-upl.svg"));  // no samples, no chart
 }

@@ -1,11 +1,11 @@
-// A host log line, read with tavrendctl's reader of the `logcat -v threadtime`
+// A host log line, read with the tools' reader of the `logcat -v threadtime`
 // layout, kept after its text is gone.
 #pragma once
 
 #include <optional>
 #include <string>
 
-#include "toolbox/LogcatLine.h"
+#include "logread/LogLine.h"
 
 namespace tavrend::test {
 
@@ -18,7 +18,7 @@ struct LogLine {
 };
 
 inline std::optional<LogLine> parseLogLine(const std::string& s) {
-    const auto l = tavrendctl::logcat::parse(s);
+    const auto l = logread::parse(s);
     if (!l) return std::nullopt;
     return LogLine{l->pid, l->priority, std::string(l->tagField), std::string(l->tag),
                    std::string(l->message)};

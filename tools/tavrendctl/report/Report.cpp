@@ -2,12 +2,15 @@
 // of a system log, summed up, and their histories exported.
 #include "report/Report.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cinttypes>
 #include <cstring>
 #include <memory>
 
 #include "toolbox/Commands.h"
+#include "toolbox/Text.h"
 
 namespace {
 
@@ -16,10 +19,12 @@ using namespace tavrendctl::report;
 constexpr size_t kTopProcesses = 5;
 
 constexpr const char* kHelp =
-    "Reads the crash reports tavrend wrote to a system log in `logcat -v threadtime`\n"
-    "layout (system.log) and prints for each: the condition that raised it, its\n"
-    "time, the last value of each history and the 5 processes whose RSS grew most\n"
-    "from their baseline.\n"
+    "Reads the crash reports tavrend wrote to its log (the host's system.log, a\n"
+    "device's `logcat -v threadtime` dump or its bug report, LF or CRLF) and prints\n"
+    "for each: the condition it carries (the first monitor's, as the loop takes\n"
+    "it), its time, the low-memory-killer kills that decided, the guardrail table,\n"
+    "the last value of each history and the 5 processes whose RSS grew most from\n"
+    "their baseline.\n"
     "\n"
     "  --trace OUT.json  write the histories as counter tracks of a Chrome trace-event\n"
     "                    JSON file (Perfetto's UI, chrome://tracing), one trace\n"
@@ -31,7 +36,8 @@ constexpr const char* kHelp =
     "  --svg DIR         draw each system history and the top processes' RSS as SVG\n"
     "                    charts in DIR, made when missing: reportN-other-free.svg,\n"
     "                    ..., reportN-rss-PID-NAME.svg; the x axis in seconds before\n"
-    "                    the report, min and max the lowest and highest sample.\n"
+    "                    the report, each horizontal line labelled with its value;\n"
+    "                    the latency chart draws the daemon's threshold.\n"
     "\n"
     "Samples are as far apart as the daemon's configuration lines in the log say:\n"
     "system histories every memory_read_interval_sec, process histories every\n"
@@ -49,12 +55,34 @@ std::string sampling(const History& h) {
     return n + " samples, " + std::to_string(h.periodSec) + " s apart";
 }
 
+// The "LMK Stats" line and the kills of it that decided, the guardrail table.
+void printDeciding(const CrashReport& r) {
+    if (r.lmkStats) {
+        const auto& k = *r.lmkStats;
+        const std::string classes = r.lmkCounterThreshold.empty()
+                                        ? "all classes: lmk_counter_threshold not logged"
+                                        : "classes up to " + r.lmkCounterThreshold;
+        printf("  LMK kills: %" PRId32
+               " counted against lmk_target_kills %s (%s; persistent %" PRIu64 ", fg %" PRIu64
+               ", visible %" PRIu64 ", perceptible %" PRIu64 ", backup %" PRIu64 ", other %" PRIu64
+               ")\n",
+               *r.lmkDeciding, r.lmkTarget ? std::to_string(*r.lmkTarget).c_str() : "(not logged)",
+               classes.c_str(), k[0], k[1], k[2], k[3], k[4], k[5]);
+    }
+    for (const GuardrailState& g : r.guardrails) {
+        printf("  guardrail %s [%d]: PSS %" PRIu64 " kB (soft %s, hard %s), %d kills\n",
+               g.name.c_str(), g.pid, g.pssKb, tavrendctl::limitText(g.softKb).c_str(),
+               tavrendctl::limitText(g.hardKb).c_str(), g.killCount);
+    }
+}
+
 void printSummary(const CrashReport& r, size_t index, size_t count, const std::string& log) {
     printf("Crash report %zu of %zu (%s line %ld)\n", index + 1, count, log.c_str(), r.line);
     printf("  condition: %s\n",
            r.condition.empty() ? "(no condition line before the report)" : r.condition.c_str());
     printf("  time:      %s (log stamp %s)\n", r.date.empty() ? "(no Date & Time)" : r.date.c_str(),
            r.stamp.c_str());
+    printDeciding(r);
     printf("  last values:\n");
     for (const History& h : r.system) {
         if (!h.present) {
@@ -87,7 +115,10 @@ int runReport(const tavrendctl::Args& a) {
     std::vector<CrashReport> reports;
     {
         const std::unique_ptr<FILE, int (*)(FILE*)> in(fopen(log.c_str(), "r"), fclose);
-        if (in == nullptr || !readReports(in.get(), log, stderr, reports)) {
+        struct stat st {};
+        const time_t end =
+            in != nullptr && fstat(fileno(in.get()), &st) == 0 ? st.st_mtime : time(nullptr);
+        if (in == nullptr || !readReports(in.get(), log, stderr, reports, end)) {
             fprintf(stderr, "tavrendctl: report: cannot read %s: %s\n", log.c_str(),
                     strerror(errno));
             return 2;

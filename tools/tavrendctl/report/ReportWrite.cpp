@@ -92,34 +92,80 @@ std::string xAxis(const History& h) {
     const size_t n = h.values.size();
     if (h.events) {
         snprintf(buf, sizeof(buf),
-                 "<text x=\"350\" y=\"184\" text-anchor=\"end\">%zu events, in the order "
+                 "<text x=\"350\" y=\"188\" text-anchor=\"end\">%zu events, in the order "
                  "received</text>\n",
                  n);
         return buf;
     }
     snprintf(buf, sizeof(buf),
-             "<text x=\"10\" y=\"164\">-%zu s</text>\n"
-             "<text x=\"180\" y=\"164\" text-anchor=\"middle\">seconds before the "
+             "<text x=\"10\" y=\"174\">-%zu s</text>\n"
+             "<text x=\"180\" y=\"174\" text-anchor=\"middle\">seconds before the "
              "report</text>\n"
-             "<text x=\"350\" y=\"164\" text-anchor=\"end\">0 s</text>\n"
-             "<text x=\"350\" y=\"184\" text-anchor=\"end\">%zu samples, %d s apart%s</text>\n",
+             "<text x=\"350\" y=\"174\" text-anchor=\"end\">0 s</text>\n"
+             "<text x=\"350\" y=\"188\" text-anchor=\"end\">%zu samples, %d s apart%s</text>\n",
              (n - 1) * static_cast<size_t>(h.periodSec), n, h.periodSec,
              h.periodLogged ? "" : " (no period in the log)");
     return buf;
 }
 
-// A chart of `h` with its title, its lowest and highest sample and its x
-// axis: a line for a series, dots for events. A dashed line marks `baseline`
-// when given.
+// The value lines of a chart: the top and bottom of its range, each labelled
+// with its value beside it, and the lowest and highest sample on lines of
+// their own when a baseline or threshold widens the range.
+struct Range {
+    uint64_t low, high;  // of the samples
+    uint64_t lo, hi;     // of the chart
+};
+
+std::string valueLabels(const Range& r, const char* unit, double yLow, double yHigh) {
+    char buf[512];
+    snprintf(buf, sizeof(buf),
+             "<path d=\"M10 40H350M10 148H350\" stroke=\"#ddd\"/>\n"
+             "<text x=\"10\" y=\"34\">%s%" PRIu64
+             " %s</text>\n"
+             "<text x=\"10\" y=\"160\">%s%" PRIu64 " %s</text>\n",
+             r.hi == r.high ? "max " : "", r.hi, unit, r.lo == r.low ? "min " : "", r.lo, unit);
+    std::string out = buf;
+    if (r.hi != r.high) {
+        snprintf(buf, sizeof(buf),
+                 "<path d=\"M10 %.1fH350\" stroke=\"#eee\"/>\n"
+                 "<text x=\"350\" y=\"%.1f\" text-anchor=\"end\">max %" PRIu64 " %s</text>\n",
+                 yHigh, yHigh - 3, r.high, unit);
+        out += buf;
+    }
+    if (r.lo != r.low) {
+        snprintf(buf, sizeof(buf),
+                 "<path d=\"M10 %.1fH350\" stroke=\"#eee\"/>\n"
+                 "<text x=\"350\" y=\"%.1f\" text-anchor=\"end\">min %" PRIu64 " %s</text>\n",
+                 yLow, yLow + 11, r.low, unit);
+        out += buf;
+    }
+    return out;
+}
+
+// A dashed line across the chart at `y`, named in its colour at the top right.
+std::string markLine(double y, const char* colour, const char* what, uint64_t v, const char* unit) {
+    char buf[400];
+    snprintf(buf, sizeof(buf),
+             "<path d=\"M10 %.1fH350\" stroke=\"%s\" stroke-dasharray=\"4 3\"/>\n"
+             "<text x=\"350\" y=\"34\" text-anchor=\"end\" fill=\"%s\">- - %s %" PRIu64
+             " %s</text>\n",
+             y, colour, colour, what, v, unit);
+    return buf;
+}
+
+// A chart of `h` with its title, its value lines and its x axis: a line for a
+// series, dots for events. A dashed line marks `baseline` when given, and the
+// history's threshold when it has one.
 std::string chart(const std::string& title, const History& h, const uint64_t* baseline) {
     constexpr double kLeft = 10, kRight = 350, kTop = 40, kBottom = 148;
-    const uint64_t low = *std::min_element(h.values.begin(), h.values.end());
-    const uint64_t high = *std::max_element(h.values.begin(), h.values.end());
-    uint64_t lo = low;
-    uint64_t hi = high;
-    if (baseline != nullptr) {
-        lo = std::min(lo, *baseline);
-        hi = std::max(hi, *baseline);
+    Range r{*std::min_element(h.values.begin(), h.values.end()),
+            *std::max_element(h.values.begin(), h.values.end()), 0, 0};
+    r.lo = r.low;
+    r.hi = r.high;
+    for (const uint64_t* mark : {baseline, h.threshold ? &*h.threshold : nullptr}) {
+        if (mark == nullptr) continue;
+        r.lo = std::min(r.lo, *mark);
+        r.hi = std::max(r.hi, *mark);
     }
     const size_t n = h.values.size();
     auto x = [&](size_t i) {
@@ -127,9 +173,9 @@ std::string chart(const std::string& title, const History& h, const uint64_t* ba
         return kLeft + static_cast<double>(i) * (kRight - kLeft) / static_cast<double>(n - 1);
     };
     auto y = [&](uint64_t v) {
-        if (hi == lo) return (kTop + kBottom) / 2;
+        if (r.hi == r.lo) return (kTop + kBottom) / 2;
         return kBottom -
-               static_cast<double>(v - lo) / static_cast<double>(hi - lo) * (kBottom - kTop);
+               static_cast<double>(v - r.lo) / static_cast<double>(r.hi - r.lo) * (kBottom - kTop);
     };
     const char* unit = h.unit.c_str();
     char buf[512];
@@ -139,22 +185,9 @@ std::string chart(const std::string& title, const History& h, const uint64_t* ba
         "<rect width=\"360\" height=\"192\" fill=\"white\"/>\n"
         "<text x=\"10\" y=\"18\" font-size=\"13\" font-weight=\"bold\">" +
         escape(title, true) + "</text>\n";
-    snprintf(buf, sizeof(buf),
-             "<text x=\"10\" y=\"34\">max %" PRIu64
-             " %s</text>\n"
-             "<text x=\"10\" y=\"184\">min %" PRIu64
-             " %s</text>\n"
-             "<path d=\"M10 40H350M10 148H350\" stroke=\"#ddd\"/>\n",
-             high, unit, low, unit);
-    out += buf + xAxis(h);
-    if (baseline != nullptr) {
-        snprintf(buf, sizeof(buf),
-                 "<path d=\"M10 %.1fH350\" stroke=\"#999\" stroke-dasharray=\"4 3\"/>\n"
-                 "<text x=\"350\" y=\"34\" text-anchor=\"end\" fill=\"#666\">- - baseline "
-                 "%" PRIu64 " %s</text>\n",
-                 y(*baseline), *baseline, unit);
-        out += buf;
-    }
+    out += valueLabels(r, unit, y(r.low), y(r.high)) + xAxis(h);
+    if (baseline != nullptr) out += markLine(y(*baseline), "#999", "baseline", *baseline, unit);
+    if (h.threshold) out += markLine(y(*h.threshold), "#d93025", "threshold", *h.threshold, unit);
     if (n == 1 || h.events) {
         for (size_t i = 0; i < n; ++i) {
             snprintf(buf, sizeof(buf),

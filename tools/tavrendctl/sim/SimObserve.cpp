@@ -4,11 +4,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
 
+#include "logread/Numbers.h"
 #include "sim/SimRun.h"
 
 namespace tavrendctl::sim {
@@ -16,92 +18,125 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A log stamp's time in seconds, in the given year.
-double stampSeconds(const logcat::Stamp& at, int year) {
-    struct tm t = {};
-    t.tm_year = year - 1900;
-    t.tm_mon = at.month - 1;
-    t.tm_mday = at.day;
-    t.tm_hour = at.hour;
-    t.tm_min = at.minute;
-    t.tm_sec = at.second;
-    return static_cast<double>(timegm(&t)) + at.milli / 1000.0;
-}
+using logread::Kind;
 
 // The crash report runs from its first line to the line before the next
 // condition, idle wait or signal.
-void observeReport(Outcome& o, long lineNo, const std::string& msg) {
+void observeReport(Outcome& o, long lineNo, Kind k) {
     if (o.reportOpen) {
-        if (msg == "Critical condition is detected" ||
-            startsWith(msg, "Starting post-critical condition idle detection") ||
-            startsWith(msg, "Received signal") || msg == "Exiting") {
+        if (k == Kind::ConditionDetected || k == Kind::IdleStart || k == Kind::Signal ||
+            k == Kind::Exiting) {
             o.reportOpen = false;
         } else {
             o.reportLast = lineNo;
         }
     }
-    if (msg == "------Tavrend Crash Report------" && !o.reportFirst) {
+    if (k == Kind::Report && !o.reportFirst) {
         o.reportFirst = lineNo;
         o.reportLast = lineNo;
         o.reportOpen = true;
     }
 }
 
-// Every kill names the program that held the pid when the daemon asked the
-// driver for it ("Trying to kill pid N", logged just before); the runner owns
-// the device, so it knows. True when `msg` was about a kill.
-bool observeKill(Outcome& o, DeviceState& device, double t, const std::string& msg) {
-    int pid = 0;
-    if (startsWith(msg, "Adding process ")) {
-        ++o.pending;
-    } else if (startsWith(msg, "Removing process ")) {
-        --o.pending;
-    } else if (startsWith(msg, "Memory usage for ") &&
-               msg.find(") exceeds hard guardrails, killing it immediately") != std::string::npos) {
-        std::string name = msg.substr(strlen("Memory usage for "));
-        o.hardKill = name.substr(0, name.rfind(" ("));
-    } else if (sscanf(msg.c_str(), "Trying to kill pid %d", &pid) == 1) {
-        o.kills.push_back(
-            {t, pid, o.hardKill.value_or(""), device.holder(pid), o.hardKill ? "hard" : ""});
-        o.hardKill.reset();
-    } else if (sscanf(msg.c_str(), "Successfully killed pid %d", &pid) == 1) {
-        device.killed(pid);
-    } else if (startsWith(msg, "process=") && msg.find(" kill_count=") != std::string::npos) {
-        --o.pending;
-        const std::string rest = msg.substr(strlen("process="));
-        const size_t at = rest.rfind(" pid=");
-        pid = atoi(rest.c_str() + at + 5);
-        auto k = std::find_if(o.kills.rbegin(), o.kills.rend(),
-                              [&](const Kill& x) { return x.pid == pid && x.kind.empty(); });
-        if (k == o.kills.rend()) {
-            o.kills.push_back({t, pid, "", device.holder(pid), ""});
-            k = o.kills.rbegin();
-        }
-        k->name = rest.substr(0, at);
-        k->kind = "idle";
-    } else if (startsWith(msg, "process=") && msg.find("no longer over") != std::string::npos) {
-        --o.pending;
-    } else {
-        return false;
+// The last kill whose result the log has not told yet.
+Kill* unresolved(Outcome& o) {
+    for (auto k = o.kills.rbegin(); k != o.kills.rend(); ++k) {
+        if (k->result.empty()) return &*k;
     }
-    return true;
+    return nullptr;
 }
 
-// The counts that decide a condition: LMK kills and bad latency samples.
-void observeCounts(Outcome& o, const std::string& msg) {
-    unsigned long long n = 0;
-    long first = 0;
-    long second = 0;
-    int got = sscanf(msg.c_str(), "SystemMemorySampler heartbeat %llu, lmk_current_kills %ld", &n,
-                     &first);
-    if (got >= 1) {
-        o.tick = static_cast<long>(n) * o.ticksPerSample;
-        if (got == 2) o.lmkKills = first;
-        return;
+// A kill's result: "Successfully killed pid N", or the error line after its
+// "Trying to kill pid N" (the driver's file, or the status it answered).
+void observeKillResult(Outcome& o, DeviceState& device, const logread::Line& line,
+                       const logread::Event& e) {
+    Kill* k = unresolved(o);
+    if (e.kind == Kind::KillDone) {
+        device.killed(static_cast<int>(e.num("pid")));
+        if (k != nullptr && k->pid == e.num("pid")) k->result = "done";
+    } else if (k != nullptr) {
+        k->result = "failed";
+        k->error = line.message;
     }
-    got = sscanf(msg.c_str(), "Total samples=%ld, bad samples=%ld,", &first, &second);
-    if (got >= 1) o.uplCounted = std::max(o.uplCounted, first);
-    if (got == 2) o.badSamples = std::max(o.badSamples.value_or(0), second);
+}
+
+// The idle kill's line follows its driver request: it names the request's
+// process (when the log has it) and counts a queued kill done.
+void observeIdleKill(Outcome& o, DeviceState& device, double t, const logread::Event& e) {
+    --o.pending;
+    const auto pid = static_cast<int>(e.num("pid"));
+    auto k = std::find_if(o.kills.rbegin(), o.kills.rend(),
+                          [&](const Kill& x) { return x.pid == pid && x.kind.empty(); });
+    if (k == o.kills.rend()) {
+        o.kills.push_back({t, pid, "", device.holder(pid), "", "", ""});
+        k = o.kills.rbegin();
+    }
+    k->name = e.text("name");
+    k->kind = "idle";
+}
+
+// Every kill names the program that held the pid when the daemon asked the
+// driver for it ("Trying to kill pid N", logged just before); the runner owns
+// the device, so it knows. True when the line was about a kill.
+bool observeKill(Outcome& o, DeviceState& device, double t, const logread::Line& line,
+                 const logread::Event& e) {
+    switch (e.kind) {
+        case Kind::Queued: ++o.pending; return true;
+        case Kind::Unqueued:
+        case Kind::BackUnder: --o.pending; return true;
+        case Kind::HardKill: o.hardKill = std::string(e.text("name")); return true;
+        case Kind::KillTry: {
+            const auto pid = static_cast<int>(e.num("pid"));
+            o.kills.push_back({t, pid, o.hardKill.value_or(""), device.holder(pid),
+                               o.hardKill ? "hard" : "", "", ""});
+            o.hardKill.reset();
+            return true;
+        }
+        case Kind::KillDone:
+        case Kind::KillError:
+        case Kind::OpenForWriteFailed:
+        case Kind::OpenFailed: observeKillResult(o, device, line, e); return true;
+        case Kind::IdleKill: observeIdleKill(o, device, t, e); return true;
+        default: return false;
+    }
+}
+
+// The condition as the loop takes it: the first monitor's, in creation order;
+// once a crash report carries one, that one.
+void observeCondition(Outcome& o, double t, const logread::Step& step) {
+    const Kind k = step.event.kind;
+    if (k == Kind::MemoryCondition && !o.memoryAt) o.memoryAt = t;
+    if (k == Kind::LatencyCondition && !o.latencyAt) o.latencyAt = t;
+    if (o.conditionTaken) return;
+    const bool memory = o.memoryAt.has_value();
+    if (memory || o.latencyAt) {
+        o.condition = memory ? "memory" : "latency";
+        o.detectedAt = memory ? o.memoryAt : o.latencyAt;
+    }
+    if (k == Kind::Report) {
+        o.conditionTaken = true;
+        o.condition = logread::conditionName(step.condition);
+        o.detectedAt = step.condition == logread::Condition::Memory    ? o.memoryAt
+                       : step.condition == logread::Condition::Latency ? o.latencyAt
+                                                                       : std::nullopt;
+    }
+}
+
+// The counts that decide a condition: LMK kills (the heartbeat's, then the
+// crash report's "LMK Stats" line, the one that decided) and bad latency samples.
+void observeCounts(Outcome& o, const logread::Event& e, const logread::Run& run) {
+    if (e.kind == Kind::SystemHeartbeat) {
+        o.tick = static_cast<long>(std::min<uint64_t>(e.unum("samples"), LONG_MAX / 1000)) *
+                 o.ticksPerSample;
+        if (!o.lmkFromReport) o.lmkKills = e.num("lmk_kills");
+    } else if (e.kind == Kind::LmkStats && !o.lmkFromReport) {
+        o.lmkKills = logread::decidingLmkKills(
+            e, run.configText("lmk_counter_threshold").value_or(std::string_view()));
+        o.lmkFromReport = true;
+    } else if (e.kind == Kind::LatencyCounts) {
+        o.uplCounted = std::max<long>(o.uplCounted, e.num("total"));
+        o.badSamples = std::max<long>(o.badSamples.value_or(0), e.num("bad"));
+    }
 }
 
 }  // namespace
@@ -115,47 +150,66 @@ std::optional<DaemonSample> sampleDaemon(pid_t pid, double at) {
     }
     std::ifstream status(dir + "/status");
     for (std::string line; std::getline(status, line);) {
-        if (sscanf(line.c_str(), "VmRSS: %ld kB", &d.vmrssKb) == 1) break;
+        if (!startsWith(line, "VmRSS:")) continue;
+        const std::string_view rest = std::string_view(line).substr(6);
+        const size_t from = rest.find_first_not_of(" \t");
+        const size_t to = rest.find(' ', from);
+        if (from == rest.npos || to == rest.npos) continue;
+        const auto kb = logread::unsignedOf(rest.substr(from, to - from), LONG_MAX);
+        if (kb) d.vmrssKb = static_cast<long>(*kb);
+        break;
     }
     if (ec || d.vmrssKb < 0) return std::nullopt;
     return d;
 }
 
-LogTail::LogTail(std::string path) : path_(std::move(path)) {
-    const time_t now = time(nullptr);
+// The wall clock at `start` as a log stamp (local time) on `clock`.
+int64_t wallMs(Clock::time_point start, const logread::LogClock& clock) {
+    using namespace std::chrono;
+    const auto wall =
+        system_clock::now() - duration_cast<system_clock::duration>(Clock::now() - start);
+    const time_t sec = system_clock::to_time_t(wall);
     struct tm local = {};
-    localtime_r(&now, &local);
-    year_ = local.tm_year + 1900;
+    localtime_r(&sec, &local);
+    const auto milli = duration_cast<milliseconds>(wall.time_since_epoch()).count() % 1000;
+    const logread::Stamp at{local.tm_mon + 1, local.tm_mday, local.tm_hour,
+                            local.tm_min,     local.tm_sec,  static_cast<int>(milli)};
+    return logread::stampMs(at, clock.year() != 0 ? clock.year() : local.tm_year + 1900);
 }
 
-double LogTail::timeOf(const std::optional<logcat::Line>& line) {
-    if (!line) return last_;
-    double stamp = stampSeconds(line->at, year_);
-    if (!base_) base_ = stamp;
-    // Past new year's eve: the stamps carry no year.
-    if (stamp < *base_ - 180 * 86400.0) stamp = stampSeconds(line->at, year_ + 1);
-    last_ = stamp - *base_;
+LogTail::LogTail(std::string path, Clock::time_point start, double scale)
+    : path_(std::move(path)),
+      clock_(time(nullptr)),
+      scale_(scale),
+      startMs_(wallMs(start, clock_)) {}
+
+double LogTail::timeOf(const logread::Stamp& at) {
+    const int64_t ms = clock_.ms(at);
+    if (!baseMs_) {
+        // The daemon's clock runs `scale` times faster from its first line;
+        // the real time from its start to that line counts at that pace too.
+        baseMs_ = ms;
+        baseSec_ = std::max(0.0, static_cast<double>(ms - startMs_) / 1000.0 * scale_);
+    }
+    last_ = static_cast<double>(ms - *baseMs_) / 1000.0 + baseSec_;
     return last_;
 }
 
-void observe(Outcome& o, DeviceState& device, long lineNo, double t, const std::string& msg) {
-    observeReport(o, lineNo, msg);
-    if (observeKill(o, device, t, msg)) return;
-    if (msg == "Memory is being leaked, need to take action" && !o.detectedAt) {
-        o.condition = "memory";
-        o.detectedAt = t;
-    } else if (msg == "Critical UPL condition detected since bad sample count threshold reached" &&
-               !o.detectedAt) {
-        o.condition = "latency";
-        o.detectedAt = t;
-    } else if (msg == "Rebooting device") {
+void observe(Outcome& o, DeviceState& device, long lineNo, double t, const logread::Line& line,
+             const logread::Step& step, const logread::Run& run) {
+    if (step.source != logread::Source::Daemon) return;
+    const logread::Event& e = step.event;
+    observeReport(o, lineNo, e.kind);
+    if (observeKill(o, device, t, line, e)) return;
+    observeCondition(o, t, step);
+    if (e.kind == Kind::Rebooting) {
         o.rebootLogAt = t;
-    } else if (msg == "Exiting") {
+    } else if (e.kind == Kind::Exiting) {
         o.sawExiting = true;
-    } else if (startsWith(msg, "Received signal")) {
+    } else if (e.kind == Kind::Signal) {
         o.signalLoggedAt = t;
     } else {
-        observeCounts(o, msg);
+        observeCounts(o, e, run);
     }
 }
 
@@ -167,16 +221,19 @@ void observeAfterRun(Outcome& o, const Run& run, LogTail& log) {
     std::ifstream metrics(run.logs + "/metrics.log");
     std::string line;
     while (std::getline(metrics, line)) {
-        const auto parsed = logcat::parse(line);
+        const auto parsed = logread::parse(line);
         if (!parsed) continue;
         const std::string text(parsed->message);
-        o.metrics.emplace_back(log.timeOf(parsed), text);
+        o.metrics.emplace_back(log.timeOf(parsed->at), text);
         const size_t name = text.find("processName=");
         const size_t count = text.find("killCount=");
         if (name != std::string::npos && count != std::string::npos) {
             const size_t from = name + strlen("processName=");
-            o.recordedKills[text.substr(from, text.find(';', from) - from)] +=
-                atol(text.c_str() + count + strlen("killCount="));
+            const std::string_view digits =
+                std::string_view(text).substr(count + strlen("killCount="));
+            size_t used = 0;
+            const auto n = logread::leadingUnsigned(digits, INT_MAX, used);
+            o.recordedKills[text.substr(from, text.find(';', from) - from)] += n.value_or(0);
         }
     }
 }

@@ -118,7 +118,7 @@ public:
           scale_(scale),
           run_(run),
           device_(run.root, s),
-          log_(run.logs + "/system.log"),
+          log_(run.logs + "/system.log", run.start, scale),
           status_(s),
           upl_(s.uplClients),
           // After SIGTERM the daemon gets 60 simulated seconds, at least 3
@@ -150,7 +150,9 @@ private:
         return std::chrono::duration<double>(Clock::now() - run_.start).count() * scale_;
     }
     void observeLog() {
-        log_.poll([&](long n, double t, const std::string& m) { observe(o_, device_, n, t, m); });
+        log_.poll([&](long n, double t, const logread::Line& line, const logread::Step& step) {
+            observe(o_, device_, n, t, line, step, log_.run());
+        });
     }
     void sigterm(double t) {
         kill(run_.daemon, SIGTERM);

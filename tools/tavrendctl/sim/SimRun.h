@@ -17,8 +17,10 @@
 #include <string>
 #include <vector>
 
+#include "logread/Clock.h"
+#include "logread/LogLine.h"
+#include "logread/Runs.h"
 #include "sim/SimScenario.h"
-#include "toolbox/LogcatLine.h"
 #include "toolbox/Text.h"
 
 namespace tavrendctl::sim {
@@ -75,7 +77,14 @@ struct Kill {
     std::string name;                   // the guarded name the daemon logged
     std::optional<std::string> holder;  // the program on the pid then, if any
     std::string kind;                   // hard or idle
+    // "done" once the daemon logs it so, "failed" with its error line, else
+    // empty: the log ended before either.
+    std::string result;
+    std::string error;
 };
+
+// A kill that happened: the daemon logged it done.
+inline bool happened(const Kill& k) { return k.result == "done"; }
 
 // The name a kill is judged by: the program it hit.
 inline std::string victim(const Kill& k) { return k.holder.value_or("(no process)"); }
@@ -91,8 +100,10 @@ std::optional<DaemonSample> sampleDaemon(pid_t pid, double at);
 
 // What the daemon did, read from its log as it runs.
 struct Outcome {
-    std::string condition = "none";
-    std::optional<double> detectedAt;
+    std::string condition = "none";    // the crash report's, else the one the loop would take
+    std::optional<double> detectedAt;  // that condition's first line
+    std::optional<double> memoryAt, latencyAt;  // each condition's first line
+    bool conditionTaken = false;                // a crash report carried it
     std::optional<long> reportFirst;
     std::optional<long> reportLast;
     bool reportOpen = false;
@@ -102,7 +113,8 @@ struct Outcome {
     bool powerctlReboot = false;
     long tick = -1;  // the loop's tick at the last system memory heartbeat
     long ticksPerSample = 1;
-    std::optional<long> lmkKills;    // the daemon's count at its last heartbeat
+    std::optional<long> lmkKills;  // the daemon's count at its last heartbeat, then its report's
+    bool lmkFromReport = false;
     std::optional<long> badSamples;  // the daemon's count of bad latency samples
     bool sawExiting = false;
     std::optional<double> signalLoggedAt;
@@ -123,12 +135,13 @@ struct Outcome {
 };
 
 // Reads a growing log file line by line; times are simulated seconds since
-// the daemon's first line.
+// the daemon was started (`start`), as the timeline's are.
 class LogTail {
 public:
-    explicit LogTail(std::string path);
+    LogTail(std::string path, Clock::time_point start, double scale);
 
-    // Calls f(lineNumber, seconds, message) for each new complete line.
+    // Calls f(lineNumber, seconds, line, step) for each new complete line of
+    // the logcat layout.
     template <typename F>
     void poll(F&& f) {
         std::ifstream in(path_, std::ios::binary);
@@ -146,27 +159,34 @@ public:
             const std::string line = partial_.substr(start, nl - start);
             start = nl + 1;
             ++lineNo_;
-            const auto parsed = logcat::parse(line);
-            const double t = timeOf(parsed);
-            if (parsed) f(lineNo_, t, std::string(parsed->message));
+            const auto parsed = logread::parse(line);
+            if (!parsed) continue;
+            const double t = timeOf(parsed->at);
+            f(lineNo_, t, *parsed, runs_.feed(*parsed));
         }
         partial_.erase(0, start);
     }
 
-    double timeOf(const std::optional<logcat::Line>& line);
+    double timeOf(const logread::Stamp& at);
+    const logread::Run& run() const { return runs_.run(); }
 
 private:
     std::string path_;
     size_t offset_ = 0;
     std::string partial_;
     long lineNo_ = 0;
-    int year_ = 1970;
-    std::optional<double> base_;
+    logread::LogClock clock_;
+    logread::RunReader runs_;
+    double scale_;
+    int64_t startMs_;  // the daemon's start on the log's clock
+    std::optional<int64_t> baseMs_;
+    double baseSec_ = 0;  // the first line's time
     double last_ = 0;
 };
 
 // Takes one line of the daemon's system log into `o`.
-void observe(Outcome& o, DeviceState& device, long lineNo, double t, const std::string& msg);
+void observe(Outcome& o, DeviceState& device, long lineNo, double t, const logread::Line& line,
+             const logread::Step& step, const logread::Run& run);
 // What the run left behind: the reboot property and the metric records.
 void observeAfterRun(Outcome& o, const Run& run, LogTail& log);
 

@@ -18,8 +18,9 @@ void printHeader(const RunInfo& run, const Outcome& o) {
     printf("scale %g (simulated seconds per real second), end %s, real run time %.1f s\n",
            run.scale, secs(s.endSec).c_str(), o.realSec);
     printf(
-        "clocks: times below are simulated seconds since the daemon started; the device's "
-        "uptime (the daemon's Uptime and durationSec) is that plus boot_uptime_sec %ld\n",
+        "clocks: times below, the timeline's and the log's alike, are simulated seconds since "
+        "the runner started the daemon; the device's uptime (the daemon's Uptime and "
+        "durationSec) is that plus boot_uptime_sec %ld\n",
         s.bootUptimeSec);
     if (o.detectedAt) {
         printf("detected: %s condition at %s\n", o.condition.c_str(), secs(*o.detectedAt).c_str());
@@ -32,14 +33,28 @@ void printHeader(const RunInfo& run, const Outcome& o) {
     } else {
         printf("crash report: none\n");
     }
-    printf("deciding counts: LMK kills %s of target %ld, bad latency samples %s of threshold %ld\n",
-           o.lmkKills ? std::to_string(*o.lmkKills).c_str() : "(not logged)", s.lmkTargetKills,
-           std::to_string(o.badSamples.value_or(0)).c_str(), s.uplBadSampleThreshold);
+    printf(
+        "deciding counts: LMK kills %s of target %ld (%s), bad latency samples %s of threshold "
+        "%ld\n",
+        o.lmkKills ? std::to_string(*o.lmkKills).c_str() : "(not logged)", s.lmkTargetKills,
+        o.lmkFromReport ? "the crash report's LMK Stats" : "the last heartbeat",
+        std::to_string(o.badSamples.value_or(0)).c_str(), s.uplBadSampleThreshold);
+}
+
+// ": failed: Error killing pid 1: Operation not permitted", or nothing for a kill done.
+std::string resultText(const Kill& k) {
+    if (happened(k)) return "";
+    return k.result.empty() ? ": no result logged" : ": failed: " + k.error;
 }
 
 void printKills(const Outcome& o) {
     if (o.kills.empty()) printf("kills: none\n");
     for (const Kill& k : o.kills) {
+        if (!happened(k)) {
+            printf("kill tried: %s (%s) at %s, pid %d%s\n", victim(k).c_str(), k.kind.c_str(),
+                   secs(k.at).c_str(), k.pid, resultText(k).c_str());
+            continue;
+        }
         // The guarded name is what the daemon logged; the victim is who held the pid.
         const char* reason = k.kind == "hard" ? "measured as" : "queued for";
         if (k.holder == k.name) {
@@ -52,7 +67,7 @@ void printKills(const Outcome& o) {
         }
     }
     if (!o.recordedKills.empty()) {
-        printf("kills in MemoryGuardrail records:");
+        printf("kills in MemoryGuardrail records (the daemon counts failed ones too):");
         for (const auto& [name, n] : o.recordedKills) printf(" %s %ld", name.c_str(), n);
         printf("\n");
     }
@@ -134,6 +149,8 @@ cJSON* killsJson(const Outcome& o) {
         cJSON_AddStringToObject(kill, "victim", victim(k).c_str());
         cJSON_AddStringToObject(kill, "guarded_name", k.name.c_str());
         cJSON_AddStringToObject(kill, "kind", k.kind.c_str());
+        cJSON_AddStringToObject(kill, "result", k.result.empty() ? "unknown" : k.result.c_str());
+        if (!k.error.empty()) cJSON_AddStringToObject(kill, "error", k.error.c_str());
         cJSON_AddItemToArray(kills, kill);
     }
     return kills;
@@ -164,6 +181,8 @@ cJSON* countsJson(const RunInfo& run, const Outcome& o) {
     } else {
         cJSON_AddNullToObject(counts, "lmk_kills");
     }
+    cJSON_AddStringToObject(counts, "lmk_kills_from",
+                            o.lmkFromReport ? "crash_report" : "heartbeat");
     cJSON_AddNumberToObject(counts, "lmk_target_kills", static_cast<double>(run.s.lmkTargetKills));
     cJSON_AddNumberToObject(counts, "bad_samples", static_cast<double>(o.badSamples.value_or(0)));
     cJSON_AddNumberToObject(counts, "bad_sample_threshold",
@@ -184,9 +203,11 @@ void printJsonSummary(const RunInfo& run, const Outcome& o, const std::string& v
     cJSON_AddStringToObject(r, "scenario", run.path.c_str());
     cJSON_AddStringToObject(r, "description", run.s.description.c_str());
     cJSON_AddNumberToObject(r, "scale", run.scale);
-    cJSON_AddStringToObject(r, "clock",
-                            "times are simulated seconds since the daemon started; the device's "
-                            "uptime is that plus boot_uptime_sec");
+    cJSON_AddStringToObject(
+        r, "clock",
+        "times, the timeline's and the log's alike, are simulated seconds since "
+        "the runner started the daemon; the device's uptime is that plus "
+        "boot_uptime_sec");
     cJSON_AddNumberToObject(r, "boot_uptime_sec", static_cast<double>(run.s.bootUptimeSec));
     cJSON_AddNumberToObject(r, "end_sec", run.s.endSec);
     cJSON_AddNumberToObject(r, "real_sec", o.realSec);

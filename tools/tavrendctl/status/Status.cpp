@@ -4,8 +4,10 @@
 
 #include <cjson/cJSON.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -22,14 +24,16 @@
 namespace {
 
 using namespace tavrendctl::status;
+using logread::Stamp;
 using tavrendctl::limitText;
-using tavrendctl::logcat::Stamp;
 
 constexpr const char* kHelp =
-    "Shows what the daemon is doing as of the last line of its system log: the\n"
-    "host's system.log, a device's 'logcat -b system -v threadtime' dump, or the\n"
-    "same on standard input ('-', or no LOG). Several LOGs are read as one log, in\n"
-    "order; a log of several runs is read from its last \"Starting Tavren Daemon\".\n"
+    "Shows what the daemon is doing as of the last line of its log: the host's\n"
+    "system.log (and main.log after it), a device's 'logcat -b system,main -v\n"
+    "threadtime' dump or its bug report, LF or CRLF, or the same on standard input\n"
+    "('-', or no LOG). Several LOGs are read as one log, in order; a log of several\n"
+    "runs is read from its last \"Starting Tavren Daemon\". The main buffer holds\n"
+    "the statistics readers' failures, shown with the age of each PSS reading.\n"
     "It shows the run (start, configuration, monitors), the low-memory-killer kills\n"
     "counted against lmk_target_kills, the bad latency samples against their\n"
     "threshold, every guardrail row with its latest PSS, queue and kills, and the\n"
@@ -131,9 +135,10 @@ void textCounts(const DaemonStatus& s, Text& t) {
     const std::string beat = s.heartbeat ? "as of heartbeat " + std::to_string(*s.heartbeat) +
                                                " at " + stampText(*s.heartbeatAt)
                                          : "no heartbeat yet";
+    const std::string when = s.lmkFromReport ? "as of the crash report" : beat;
     t.line("memory: %s of %s low-memory-killer kills counted (classes up to %s), %s%s",
            orUnknown(s.lmkKills).c_str(), configText(s, "lmk_target_kills").c_str(),
-           configText(s, "lmk_counter_threshold").c_str(), beat.c_str(),
+           configText(s, "lmk_counter_threshold").c_str(), when.c_str(),
            s.condition == Condition::Memory ? "; the target was reached at the condition" : "");
     const auto on = s.monitors.find("latency");
     if (on != s.monitors.end() && !on->second) {
@@ -158,8 +163,10 @@ void textGuardrails(const DaemonStatus& s, Text& t) {
     t.line("guardrails:");
     std::set<std::string> queued;
     for (const GuardrailRow& r : s.guardrails) {
-        const std::string pss =
-            r.pssKb ? std::to_string(*r.pssKb) + " kB at " + stampText(*r.pssAt) : "unknown";
+        const std::string pss = r.pssKb ? std::to_string(*r.pssKb) + " kB at " +
+                                              stampText(*r.pssAt) + ", " +
+                                              orUnknown(pssAgeSec(s, r)) + " s before the log's end"
+                                        : "unknown";
         t.line(
             "  %-20s PSS %s (soft %s, hard %s)%s%s; kills %d (%d over the hard "
             "limit, %d at an idle second)",
@@ -196,11 +203,21 @@ void textRecovery(const DaemonStatus& s, Text& t) {
         configText(s, "idle_detection_interval_sec").c_str());
 }
 
+void textReaders(const DaemonStatus& s, Text& t) {
+    if (s.readerFailures == 0) {
+        t.line("statistics readers: no failure logged (main buffer)");
+        return;
+    }
+    t.line("statistics readers: %ld failures logged, the last at %s: %s", s.readerFailures,
+           stampText(*s.lastReaderFailureAt).c_str(), s.lastReaderFailure.c_str());
+}
+
 std::string renderText(const DaemonStatus& s) {
     Text t;
     textRun(s, t);
     textCounts(s, t);
     textGuardrails(s, t);
+    textReaders(s, t);
     textRecovery(s, t);
     return t.out;
 }
@@ -252,6 +269,8 @@ void jsonCounts(const DaemonStatus& s, cJSON* doc) {
     cJSON* memory = cJSON_AddObjectToObject(doc, "memory");
     addNumber(memory, "lmk_kills", s.lmkKills);
     addNumber(memory, "lmk_target_kills", s.configNumber("lmk_target_kills"));
+    cJSON_AddStringToObject(memory, "lmk_kills_from",
+                            s.lmkFromReport ? "crash_report" : "heartbeat");
     addNumber(memory, "heartbeat", s.heartbeat);
     addStamp(memory, "heartbeat_at", s.heartbeatAt);
     cJSON* latency = cJSON_AddObjectToObject(doc, "latency");
@@ -285,6 +304,7 @@ void jsonGuardrails(const DaemonStatus& s, cJSON* doc) {
         cJSON_AddNumberToObject(row, "hard_kb", static_cast<double>(r.hardKb));
         addNumber(row, "pss_kb", r.pssKb);
         addStamp(row, "pss_at", r.pssAt);
+        addNumber(row, "pss_age_sec", pssAgeSec(s, r));
         cJSON_AddBoolToObject(row, "running", r.running);
         cJSON_AddBoolToObject(row, "queued", r.queued);
         cJSON_AddNumberToObject(row, "hard_kills", r.hardKills);
@@ -319,12 +339,24 @@ void jsonRecovery(const DaemonStatus& s, cJSON* doc) {
                             "an estimate, to within idle_detection_interval_sec");
 }
 
+void jsonReaders(const DaemonStatus& s, cJSON* doc) {
+    cJSON* readers = cJSON_AddObjectToObject(doc, "readers");
+    cJSON_AddNumberToObject(readers, "failures", static_cast<double>(s.readerFailures));
+    if (s.readerFailures == 0) {
+        cJSON_AddNullToObject(readers, "last");
+    } else {
+        cJSON_AddStringToObject(readers, "last", s.lastReaderFailure.c_str());
+    }
+    addStamp(readers, "last_at", s.lastReaderFailureAt);
+}
+
 std::string renderJson(const DaemonStatus& s, bool compact) {
     cJSON* doc = cJSON_CreateObject();
     cJSON_AddStringToObject(doc, "state", stateName(s.state));
     jsonRun(s, doc);
     jsonCounts(s, doc);
     jsonGuardrails(s, doc);
+    jsonReaders(s, doc);
     jsonRecovery(s, doc);
     char* text = compact ? cJSON_PrintUnformatted(doc) : cJSON_Print(doc);
     std::string out = text != nullptr ? text : "{}";
@@ -371,6 +403,16 @@ bool readAll(int fd, LineFeed& feed) {
     return n == 0;
 }
 
+// When the log ends, to date its stamps: the latest of its files' times, or now.
+time_t logEnd(const std::vector<std::string>& logs) {
+    time_t end = 0;
+    for (const std::string& path : logs) {
+        struct stat st {};
+        if (path != "-" && stat(path.c_str(), &st) == 0) end = std::max(end, st.st_mtime);
+    }
+    return end != 0 ? end : time(nullptr);
+}
+
 Options optionsOf(const tavrendctl::Args& a) {
     Options o;
     o.follow = a.has("--follow");
@@ -382,7 +424,7 @@ Options optionsOf(const tavrendctl::Args& a) {
 
 int runStatus(const tavrendctl::Args& a) {
     const Options o = optionsOf(a);
-    StatusReader reader;
+    StatusReader reader(logEnd(o.logs));
     LineFeed feed(reader);
     for (size_t i = 0; i < o.logs.size(); ++i) {
         const int fd = openLog(o.logs[i]);

@@ -1,54 +1,17 @@
-// How each line of the daemon's system log changes what `status` shows: a
-// table of message patterns, each with what it means.
+// How each of the daemon's log lines changes what `status` shows: its event,
+// from the one reader of the log, and what that event means here.
 #include <algorithm>
-#include <charconv>
-#include <functional>
+#include <climits>
 
+#include "logread/Numbers.h"
 #include "status/Status.h"
 
 namespace tavrendctl::status {
 namespace {
 
-using Fields = std::vector<std::string_view>;
-
-// Splits `msg` by the literal text of `pattern`, in which "{}" stands for a
-// field; a field ends where the next literal text first appears after it, and
-// a final field runs to the end. Nullopt when `msg` does not have that form.
-std::optional<Fields> fieldsOf(std::string_view msg, std::string_view pattern) {
-    Fields out;
-    size_t at = 0;
-    while (true) {
-        const size_t hole = pattern.find("{}");
-        const std::string_view literal = pattern.substr(0, hole);
-        if (msg.substr(at, literal.size()) != literal) return std::nullopt;
-        at += literal.size();
-        if (hole == std::string_view::npos)
-            return at == msg.size() ? std::optional(out) : std::nullopt;
-        pattern.remove_prefix(hole + 2);
-        const std::string_view next = pattern.substr(0, pattern.find("{}"));
-        const size_t end = next.empty() ? msg.size() : msg.find(next, at);
-        if (end == std::string_view::npos) return std::nullopt;
-        out.push_back(msg.substr(at, end - at));
-        at = end;
-    }
-}
-
-std::optional<long long> number(std::string_view text) {
-    long long v = 0;
-    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
-    if (ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    return v;
-}
-
-// A kB figure the daemon prints with %llu; -1 in a file shows as 2^64-1.
-std::optional<uint64_t> kb(std::string_view text) {
-    uint64_t v = 0;
-    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
-    if (ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    return v;
-}
-
-using Stamp = logcat::Stamp;
+using logread::Event;
+using logread::Kind;
+using logread::Stamp;
 
 // The row of `name`; with `soft` and `hard`, the one with those limits first.
 GuardrailRow* rowNamed(DaemonStatus& s, std::string_view name,
@@ -64,250 +27,220 @@ GuardrailRow* rowNamed(DaemonStatus& s, std::string_view name,
 }
 
 // The row following `pid` whose queued flag is `queued`.
-GuardrailRow* rowOfPid(DaemonStatus& s, std::string_view pidText, bool queued) {
-    const auto pid = number(pidText);
+GuardrailRow* rowOfPid(DaemonStatus& s, int64_t pid, bool queued) {
     for (GuardrailRow& r : s.guardrails) {
-        if (pid && r.pid == *pid && r.queued == queued) return &r;
+        if (r.pid == pid && r.queued == queued) return &r;
     }
     return nullptr;
 }
 
-struct Rule {
-    std::string_view pattern;
-    std::function<void(DaemonStatus&, const Fields&, const Stamp&)> apply;
+// A line's stamp with its time on the log's clock.
+struct At {
+    Stamp stamp;
+    int64_t ms;
 };
 
-void setCondition(DaemonStatus& s, Condition c, const Stamp& at) {
-    s.condition = c;
-    s.conditionAt = at;
-}
-
-// The uptime lines of the idle detector.
-void seeUptime(DaemonStatus& s, std::string_view uptime, const Stamp& at) {
-    if (const auto u = number(uptime)) s.uptimeSeen = {{*u, at}};
-}
-
 // The run: its end before the loop, its monitors.
-std::vector<Rule> startRules() {
-    return {
-        {"Could not parse tavren_config.json file",
-         [](DaemonStatus& s, const Fields&, const Stamp&) {
-             s.state = State::Stopped;
-             s.stopReason = "its configuration did not load";
-         }},
-        {"Memory guardrailing is disabled in config",
-         [](DaemonStatus& s, const Fields&, const Stamp&) { s.monitors["guardrails"] = false; }},
-        {"Failed to load Process memory guardrail config, disabling guardrail monitor",
-         [](DaemonStatus& s, const Fields&, const Stamp&) { s.monitors["guardrails"] = false; }},
-        {"Initializing samplers...",
-         // The latency monitor declines silently when it is disabled.
-         [](DaemonStatus& s, const Fields&, const Stamp&) { s.monitors["latency"] = false; }},
-        {"Initializing Process Memory Sampler",
-         [](DaemonStatus& s, const Fields&, const Stamp&) { s.monitors["process_memory"] = true; }},
-        {"Initializing System Memory Sampler",
-         [](DaemonStatus& s, const Fields&, const Stamp&) { s.monitors["system_memory"] = true; }},
-        {"Initializing Device UPL Monitor",
-         [](DaemonStatus& s, const Fields&, const Stamp&) { s.monitors["latency"] = true; }},
-        {"Initializing Process Guardrail Monitor",
-         [](DaemonStatus& s, const Fields&, const Stamp&) { s.monitors["guardrails"] = true; }},
-    };
+bool startEvent(DaemonStatus& s, const Event& e) {
+    switch (e.kind) {
+        case Kind::ConfigUnparsed:
+            s.state = State::Stopped;
+            s.stopReason = "its configuration did not load";
+            return true;
+        case Kind::GuardrailsOff:
+        case Kind::GuardrailConfigFailed: s.monitors["guardrails"] = false; return true;
+        // The latency monitor declines silently when it is disabled.
+        case Kind::InitSamplers: s.monitors["latency"] = false; return true;
+        case Kind::InitProcessSampler: s.monitors["process_memory"] = true; return true;
+        case Kind::InitSystemSampler: s.monitors["system_memory"] = true; return true;
+        case Kind::InitUplMonitor: s.monitors["latency"] = true; return true;
+        case Kind::InitGuardrailMonitor: s.monitors["guardrails"] = true; return true;
+        default: return false;
+    }
+}
+
+void pssReading(DaemonStatus& s, const Event& e, const At& at) {
+    GuardrailRow* r = rowNamed(s, e.text("name"), e.unum("soft_kb"), e.unum("hard_kb"));
+    if (r == nullptr) return;
+    r->pid = static_cast<int>(e.num("pid"));
+    r->pssKb = e.unum("pss_kb");
+    r->pssAt = at.stamp;
+    r->pssAtMs = at.ms;
+    r->running = true;
 }
 
 // The guardrail rows, their readings, queue and kills.
-std::vector<Rule> guardrailRules() {
-    return {
-        {"Guardrailing {} soft_memory_limit {} hard_memory_limit {}",
-         [](DaemonStatus& s, const Fields& f, const Stamp&) {
-             GuardrailRow r;
-             r.name = f[0];
-             r.softKb = kb(f[1]).value_or(0);
-             r.hardKb = kb(f[2]).value_or(0);
-             s.guardrails.push_back(r);
-         }},
-        {"found pid {} of name {}",
-         [](DaemonStatus& s, const Fields& f, const Stamp&) {
-             if (GuardrailRow* r = rowNamed(s, f[1]))
-                 r->pid = static_cast<int>(number(f[0]).value_or(0));
-         }},
-        {"Pid: {}, Name: {}, TotalPss: {} kB, MemorySoftLimit: {} kB, MemoryHardLimit: {} kB",
-         [](DaemonStatus& s, const Fields& f, const Stamp& at) {
-             GuardrailRow* r = rowNamed(s, f[1], kb(f[3]), kb(f[4]));
-             if (r == nullptr) return;
-             r->pid = static_cast<int>(number(f[0]).value_or(0));
-             r->pssKb = kb(f[2]);
-             r->pssAt = at;
-             r->running = true;
-         }},
-        {"{} is not running",
-         [](DaemonStatus& s, const Fields& f, const Stamp&) {
-             if (GuardrailRow* r = rowNamed(s, f[0])) r->running = false;
-         }},
-        {"Adding process {} to killable list",
-         [](DaemonStatus& s, const Fields& f, const Stamp&) {
-             if (GuardrailRow* r = rowOfPid(s, f[0], false)) r->queued = true;
-         }},
-        {"Removing process {} from killable list",
-         [](DaemonStatus& s, const Fields& f, const Stamp&) {
-             if (GuardrailRow* r = rowOfPid(s, f[0], true)) r->queued = false;
-         }},
-        {"process={} pid={} TotalPss: {} kB, no longer over MemorySoftLimit: {} kB,",
-         [](DaemonStatus& s, const Fields& f, const Stamp&) {
-             if (GuardrailRow* r = rowOfPid(s, f[1], true)) r->queued = false;
-         }},
-        {"process={} pid={} kill_count={} killabe_process_count={}",
-         [](DaemonStatus& s, const Fields& f, const Stamp&) {
-             if (GuardrailRow* r = rowOfPid(s, f[1], true)) {
-                 r->queued = false;
-                 ++r->idleKills;
-             }
-         }},
-        {"Memory usage for {} ({}) exceeds hard guardrails, killing it immediately",
-         [](DaemonStatus& s, const Fields& f, const Stamp&) {
-             if (GuardrailRow* r = rowNamed(s, f[0])) ++r->hardKills;
-         }},
-    };
+bool guardrailEvent(DaemonStatus& s, const Event& e, const At& at) {
+    GuardrailRow* r = nullptr;
+    switch (e.kind) {
+        case Kind::GuardrailRow: {
+            GuardrailRow row;
+            row.name = e.text("name");
+            row.softKb = e.unum("soft_kb");
+            row.hardKb = e.unum("hard_kb");
+            s.guardrails.push_back(row);
+            return true;
+        }
+        case Kind::FoundPid:
+            if ((r = rowNamed(s, e.text("name")))) r->pid = static_cast<int>(e.num("pid"));
+            return true;
+        case Kind::PssReading: pssReading(s, e, at); return true;
+        case Kind::NotRunning:
+            if ((r = rowNamed(s, e.text("name")))) r->running = false;
+            return true;
+        case Kind::Queued:
+            if ((r = rowOfPid(s, e.num("pid"), false))) r->queued = true;
+            return true;
+        case Kind::Unqueued:
+        case Kind::BackUnder:
+            if ((r = rowOfPid(s, e.num("pid"), true))) r->queued = false;
+            return true;
+        case Kind::IdleKill:
+            if ((r = rowOfPid(s, e.num("pid"), true))) {
+                r->queued = false;
+                ++r->idleKills;
+            }
+            return true;
+        case Kind::HardKill:
+            if ((r = rowNamed(s, e.text("name")))) ++r->hardKills;
+            return true;
+        default: return false;
+    }
 }
 
-// The counts that lead to a critical condition, and the condition.
-std::vector<Rule> countRules() {
-    return {
-        {"SystemMemorySampler heartbeat {}, lmk_current_kills {}",
-         [](DaemonStatus& s, const Fields& f, const Stamp& at) {
-             s.heartbeat = number(f[0]);
-             s.lmkKills = number(f[1]);
-             s.heartbeatAt = at;
-         }},
-        {"Total samples={}, bad samples={}, bad sample threshold={}, bad upl threshold={}",
-         [](DaemonStatus& s, const Fields& f, const Stamp&) {
-             s.totalSamples = number(f[0]);
-             s.badSamples = number(f[1]);
-             s.badSampleThreshold = number(f[2]);
-             s.latencyThresholdMs = number(f[3]);
-         }},
-    };
+void seeUptime(DaemonStatus& s, uint64_t uptime, const At& at) {
+    s.uptimeSeen = {{static_cast<long long>(std::min<uint64_t>(uptime, LLONG_MAX)), at.ms}};
+}
+
+// The counts that lead to a critical condition, and the crash report's.
+bool countEvent(DaemonStatus& s, const Event& e, const At& at) {
+    switch (e.kind) {
+        case Kind::SystemHeartbeat:
+            s.heartbeat = static_cast<long long>(std::min<uint64_t>(e.unum("samples"), LLONG_MAX));
+            s.heartbeatAt = at.stamp;
+            if (!s.lmkFromReport) s.lmkKills = e.num("lmk_kills");
+            return true;
+        case Kind::LmkStats: {
+            const auto threshold = s.configText("lmk_counter_threshold");
+            s.lmkKills = logread::decidingLmkKills(e, threshold.value_or(""));
+            s.lmkFromReport = true;
+            return true;
+        }
+        case Kind::LatencyCounts:
+            s.totalSamples = e.num("total");
+            s.badSamples = e.num("bad");
+            s.badSampleThreshold = e.num("bad_threshold");
+            s.latencyThresholdMs = e.num("threshold_ms");
+            return true;
+        default: return false;
+    }
 }
 
 // The crash report, the idle wait, the reboot and the end.
-std::vector<Rule> recoveryRules() {
-    return {
-        // The loop checks the system memory sampler before the latency monitor,
-        // so a memory condition found before the crash report is the one it took.
-        {"Memory is being leaked, need to take action",
-         [](DaemonStatus& s, const Fields&, const Stamp& at) {
-             if (s.state == State::Monitoring) setCondition(s, Condition::Memory, at);
-         }},
-        {"Critical UPL condition detected since bad sample count threshold reached",
-         [](DaemonStatus& s, const Fields&, const Stamp& at) {
-             if (s.state == State::Monitoring && s.condition == Condition::None)
-                 setCondition(s, Condition::Latency, at);
-         }},
-        {"------Tavrend Crash Report------",
-         [](DaemonStatus& s, const Fields&, const Stamp&) { s.state = State::WaitingForIdle; }},
-        {"Starting post-critical condition idle detection at Uptime: {}",
-         [](DaemonStatus& s, const Fields& f, const Stamp& at) {
-             s.state = State::WaitingForIdle;
-             s.startUptime = number(f[0]);
-             s.waitingSince = at;
-             seeUptime(s, f[0], at);
-         }},
-        {"IdleDetector heartbeat current uptime: {} secs, waiting for idle since {} secs",
-         [](DaemonStatus& s, const Fields& f, const Stamp& at) { seeUptime(s, f[0], at); }},
-        {"No user activity, current uptime {} secs, was waiting for idle for {} secs",
-         [](DaemonStatus& s, const Fields& f, const Stamp& at) {
-             s.rebootReason = "idle";
-             seeUptime(s, f[0], at);
-         }},
-        {"Waited long enough, overriding idle after {} secs",
-         [](DaemonStatus& s, const Fields&, const Stamp&) { s.rebootReason = "override"; }},
-        {"Rebooting device",
-         [](DaemonStatus& s, const Fields&, const Stamp& at) {
-             s.state = State::Rebooting;
-             s.rebootAt = at;
-         }},
-        {"Received signal {}", [](DaemonStatus& s, const Fields& f,
-                                  const Stamp&) { s.stopReason = "signal " + std::string(f[0]); }},
-        {"main failed, reason=runttimeFailed {}",
-         [](DaemonStatus& s, const Fields& f, const Stamp&) {
-             s.stopReason = "error: " + std::string(f[0]);
-         }},
-        {"Exiting",
-         [](DaemonStatus& s, const Fields&, const Stamp&) {
-             s.state = State::Stopped;
-             if (s.stopReason.empty()) s.stopReason = "exited";
-         }},
-    };
+void recoveryEvent(DaemonStatus& s, const Event& e, const At& at) {
+    switch (e.kind) {
+        case Kind::Report: s.state = State::WaitingForIdle; break;
+        case Kind::IdleStart:
+            s.state = State::WaitingForIdle;
+            s.startUptime = static_cast<long long>(std::min<uint64_t>(e.unum("uptime"), LLONG_MAX));
+            s.waitingSince = at.stamp;
+            seeUptime(s, e.unum("uptime"), at);
+            break;
+        case Kind::IdleHeartbeat: seeUptime(s, e.unum("uptime"), at); break;
+        case Kind::IdleReached:
+            s.rebootReason = "idle";
+            seeUptime(s, e.unum("uptime"), at);
+            break;
+        case Kind::IdleOverride: s.rebootReason = "override"; break;
+        case Kind::Rebooting:
+            s.state = State::Rebooting;
+            s.rebootAt = at.stamp;
+            break;
+        case Kind::Signal: s.stopReason = "signal " + std::string(e.text("signal")); break;
+        case Kind::MainFailed: s.stopReason = "error: " + std::string(e.text("reason")); break;
+        case Kind::Exiting:
+            s.state = State::Stopped;
+            if (s.stopReason.empty()) s.stopReason = "exited";
+            break;
+        default: break;
+    }
 }
 
-const std::vector<Rule>& rules() {
-    static const std::vector<Rule> all = [] {
-        std::vector<Rule> out;
-        for (auto group : {startRules, guardrailRules, countRules, recoveryRules}) {
-            for (Rule& r : group()) out.push_back(std::move(r));
-        }
-        return out;
-    }();
-    return all;
+Condition conditionOf(logread::Condition c) {
+    switch (c) {
+        case logread::Condition::Memory: return Condition::Memory;
+        case logread::Condition::Latency: return Condition::Latency;
+        case logread::Condition::None: break;
+    }
+    return Condition::None;
 }
 
-constexpr std::string_view kConfigEnd = "---------------------------------";
-
-int dayOfYear(const Stamp& t) {
-    static const int before[] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
-    return before[(t.month - 1) % 12] + t.day - 1;
+void startRun(DaemonStatus& s, const logread::Line& line, int64_t ms) {
+    s = DaemonStatus{};
+    s.found = true;
+    s.pid = line.pid;
+    s.started = line.at;
+    s.last = line.at;
+    s.lastMs = ms;
 }
 
 }  // namespace
 
-std::optional<long long> DaemonStatus::configNumber(std::string_view key) const {
+std::optional<std::string_view> DaemonStatus::configText(std::string_view key) const {
     for (const auto& [k, v] : config) {
-        if (k == key) return number(v);
+        if (k == key) return v;
     }
     return std::nullopt;
 }
 
-void StatusReader::feed(std::string_view text) {
-    const auto line = logcat::parse(text);
-    if (!line) return;
-    DaemonStatus& s = status_;
-    if (line->tag == "tavrend" && line->message == "Starting Tavren Daemon") {
-        s = DaemonStatus{};
-        s.found = true;
-        s.pid = line->pid;
-        s.started = line->at;
-        collectingConfig_ = false;
-    }
-    s.last = line->at;
-    if (!s.found || line->tag != "tavrend" || line->pid != s.pid) return;
-    const std::string_view msg = line->message;
-    if (msg == "Configuration:") {
-        s.config.clear();
-        collectingConfig_ = true;
-        return;
-    }
-    if (collectingConfig_) {
-        const size_t colon = msg.find(": ");
-        if (msg == kConfigEnd || colon == std::string_view::npos) {
-            collectingConfig_ = false;
-        } else {
-            s.config.emplace_back(msg.substr(0, colon), msg.substr(colon + 2));
-            return;
-        }
-    }
-    for (const Rule& r : rules()) {
-        if (const auto fields = fieldsOf(msg, r.pattern)) {
-            r.apply(s, *fields, line->at);
-            return;
-        }
-    }
+std::optional<long long> DaemonStatus::configNumber(std::string_view key) const {
+    const auto text = configText(key);
+    if (!text) return std::nullopt;
+    return logread::signedOf(*text, INT_MIN, INT_MAX);  // printed with %d
 }
 
-double secondsBetween(const Stamp& from, const Stamp& to) {
-    auto secondsOf = [](const Stamp& t) {
-        return ((dayOfYear(t) * 24.0 + t.hour) * 60 + t.minute) * 60 + t.second + t.milli / 1000.0;
-    };
-    double d = secondsOf(to) - secondsOf(from);
-    if (d < -86400.0) d += 365 * 86400.0;  // into the next year
-    return d;
+void StatusReader::feed(std::string_view text) {
+    const auto line = logread::parse(text);
+    if (!line) return;
+    DaemonStatus& s = status_;
+    const At at{line->at, clock_.ms(line->at)};
+    const logread::Step step = runs_.feed(*line);
+    if (step.started) startRun(s, *line, at.ms);
+    // The buffers of a log may come one after the other: the end is the latest line.
+    if (at.ms >= s.lastMs) {
+        s.last = line->at;
+        s.lastMs = at.ms;
+    }
+    if (step.source == logread::Source::Reader && step.event.kind != Kind::Other) {
+        ++s.readerFailures;
+        s.lastReaderFailure = line->message;
+        s.lastReaderFailureAt = line->at;
+    }
+    if (step.source != logread::Source::Daemon) return;
+    if (step.config) {
+        s.config = runs_.run().config;
+        return;
+    }
+    const Event& e = step.event;
+    if (e.kind == Kind::ReportDate) {
+        if (const auto date = logread::dateOf(e.text("date"))) clock_.anchor(line->at, *date);
+    }
+    if (e.kind == Kind::MemoryCondition || e.kind == Kind::LatencyCondition) {
+        // The condition the loop takes, as far as the log tells it yet.
+        if (s.state == State::Monitoring && conditionOf(runs_.pendingCondition()) != s.condition) {
+            s.condition = conditionOf(runs_.pendingCondition());
+            s.conditionAt = line->at;
+        }
+        return;
+    }
+    if (e.kind == Kind::Report) s.condition = conditionOf(step.condition);
+    if (!startEvent(s, e) && !guardrailEvent(s, e, at) && !countEvent(s, e, at))
+        recoveryEvent(s, e, at);
+}
+
+std::optional<long long> pssAgeSec(const DaemonStatus& s, const GuardrailRow& r) {
+    if (!r.pssAt) return std::nullopt;
+    return std::max<int64_t>(0, (s.lastMs - r.pssAtMs) / 1000);
 }
 
 std::optional<long long> overrideInSec(const DaemonStatus& s) {
@@ -325,8 +258,8 @@ std::optional<long long> overrideInSec(const DaemonStatus& s) {
     auto checksFor = [i](long long seconds) { return seconds <= 0 ? 0 : (seconds + i - 1) / i; };
     const long long firstEligible = *s.startUptime + checksFor(*minimum - *s.startUptime) * i;
     const long long due = firstEligible + checksFor(*override) * i;
-    const auto& [uptime, at] = *s.uptimeSeen;
-    const long long now = uptime + static_cast<long long>(secondsBetween(at, s.last));
+    const auto& [uptime, atMs] = *s.uptimeSeen;
+    const long long now = uptime + (s.lastMs - atMs) / 1000;
     return std::max(0LL, due - now);
 }
 

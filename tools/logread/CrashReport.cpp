@@ -1,9 +1,8 @@
-// Reads the crash reports back from a system log in `logcat -v threadtime`
-// layout: "11-23 08:18:39.123  4711  4712 E tavrend : ------Tavrend Crash Report------".
 // A report is the header's thread's lines up to the next header; other threads
 // and processes may write between them.
+#include "CrashReport.h"
+
 #include <algorithm>
-#include <charconv>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -14,48 +13,37 @@
 #include <optional>
 #include <string_view>
 
-#include "report/Report.h"
-#include "toolbox/LogcatLine.h"
-#include "toolbox/Text.h"
+#include "Clock.h"
+#include "LogLine.h"
+#include "Messages.h"
+#include "Numbers.h"
+#include "Runs.h"
+#include "common/LogMessages.h"
 
-namespace tavrendctl::report {
+namespace logread {
 namespace {
 
-constexpr std::string_view kTag = "tavrend";
-constexpr std::string_view kHeader = "------Tavrend Crash Report------";
-constexpr std::string_view kDate = "Date & Time: ";
-constexpr std::string_view kProcess = "PID: ";
-constexpr std::string_view kRss = "RSS Total: ";
-constexpr std::string_view kRssBaseline = "}, RSS Total baseline: ";
-constexpr std::string_view kRswap = "RSwap: ";
-constexpr std::string_view kRswapBaseline = "}, RSwap baseline: ";
-constexpr std::string_view kConditions[] = {
-    "Memory is being leaked, need to take action",
-    "Critical UPL condition detected since bad sample count threshold reached",
-};
-
+// A history's lines: the first with its text, the rest continue it.
 struct SystemHistory {
-    std::string_view prefix;
+    Kind kind;
     const char* name;
     const char* slug;
     const char* unit;
 };
-// In the order the report prints them; the last may take several lines each.
+// In the order the report prints them; each may take several lines.
 constexpr SystemHistory kSystem[] = {
-    {"Other Free historical values: ", "Other Free", "other-free", "kB"},
-    {"Other File historical values: ", "Other File", "other-file", "kB"},
-    {"mem_swap_free historical values: ", "Swap Free", "swap-free", "kB"},
-    {"mem_s_unreclaim historical values: ", "SUnreclaim", "sunreclaim", "kB"},
-    {"UserPerceivedLatency.Audio.DeviceProcessing Values: ", "Bad UPL samples", "upl", "ms"},
+    {Kind::OtherFreeValues, "Other Free", "other-free", "kB"},
+    {Kind::OtherFileValues, "Other File", "other-file", "kB"},
+    {Kind::SwapFreeValues, "Swap Free", "swap-free", "kB"},
+    {Kind::SUnreclaimValues, "SUnreclaim", "sunreclaim", "kB"},
+    {Kind::UplValues, "Bad UPL samples", "upl", "ms"},
 };
 constexpr size_t kSystemCount = sizeof(kSystem) / sizeof(kSystem[0]);
 
-using logcat::Stamp;
-
 bool parseNumber(std::string_view s, uint64_t& v) {
-    const char* end = s.data() + s.size();
-    auto [p, ec] = std::from_chars(s.data(), end, v);
-    return ec == std::errc() && p == end && !s.empty();
+    const auto n = unsignedOf(s);
+    if (n) v = *n;
+    return n.has_value();
 }
 
 // "{1, 2, 3}", the way the daemon prints a history.
@@ -107,40 +95,47 @@ std::string cleanText(std::string_view s) {
     return out;
 }
 
-// A log stamp in microseconds, in 1970 (the stamps carry no year).
-int64_t stampUs(const Stamp& at) {
-    struct tm tm {};
-    tm.tm_year = 70;
-    tm.tm_mon = at.month - 1;
-    tm.tm_mday = at.day;
-    tm.tm_hour = at.hour;
-    tm.tm_min = at.minute;
-    tm.tm_sec = at.second;
-    return static_cast<int64_t>(timegm(&tm)) * 1000000 + int64_t{at.milli} * 1000;
-}
+// A log stamp in microseconds of the year the clock gives it.
+int64_t stampUs(const Stamp& at, int year) { return stampMs(at, year) * 1000; }
 
-// The report's "Date & Time" (ctime's layout) read as UTC, else its log stamp in 1970.
-int64_t reportTimeUs(const std::string& date, const Stamp& head) {
+// The report's "Date & Time" (ctime's layout) read as UTC, else its log stamp.
+int64_t reportTimeUs(const std::string& date, const Stamp& head, int year) {
     struct tm tm {};
     const char* end = strptime(date.c_str(), "%a %b %d %H:%M:%S %Y", &tm);
     if (end != nullptr && std::string_view(end).find_first_not_of(' ') == std::string_view::npos) {
         return static_cast<int64_t>(timegm(&tm)) * 1000000;
     }
-    return stampUs(head);
+    return stampUs(head, year);
 }
 
-// What a daemon's log says besides its reports: the sample periods of its
-// configuration, and each bad latency sample with its time.
+// A bad latency sample as its line logged it.
+struct BadSample {
+    uint64_t value;
+    Stamp at;
+};
+
+// What a daemon's log says besides its reports: the sample periods and the
+// counter threshold of its configuration, the latency threshold, each bad
+// latency sample with its time, the conditions its monitors raised.
 struct DaemonLines {
-    std::optional<int> memoryPeriod;                      // memory_read_interval_sec
-    std::optional<int> processPeriod;                     // proc_scan_interval_sec
-    std::deque<std::pair<uint64_t, int64_t>> badSamples;  // value, stampUs
+    std::optional<int> memoryPeriod;   // memory_read_interval_sec
+    std::optional<int> processPeriod;  // proc_scan_interval_sec
+    std::string lmkCounterThreshold;   // lmk_counter_threshold
+    std::optional<long long> lmkTarget;
+    std::optional<uint64_t> latencyThreshold;  // from "Total samples=..."
+    std::deque<BadSample> badSamples;
+    ConditionRule conditions;
 };
 
 constexpr std::string_view kMemoryPeriod = "memory_read_interval_sec: ";
 constexpr std::string_view kProcessPeriod = "proc_scan_interval_sec: ";
-constexpr std::string_view kBadSample = "Bad latency-Audio.DeviceProcessing=";
+constexpr std::string_view kLmkThreshold = "lmk_counter_threshold: ";
+constexpr std::string_view kLmkTarget = "lmk_target_kills: ";
 constexpr size_t kMaxBadSamples = 100000;  // more than any report holds
+
+bool startsWith(std::string_view s, std::string_view prefix) {
+    return s.substr(0, prefix.size()) == prefix;
+}
 
 // A period of at least one second, as the daemon takes it.
 std::optional<int> period(std::string_view text) {
@@ -149,18 +144,23 @@ std::optional<int> period(std::string_view text) {
     return std::max<int>(1, static_cast<int>(v));
 }
 
-void daemonLine(DaemonLines& d, const logcat::Line& l) {
+void daemonLine(DaemonLines& d, const Line& l, const Event& e) {
     const std::string_view m = l.message;
-    if (startsWith(m, kMemoryPeriod)) {
+    d.conditions.see(e.kind);
+    if (e.kind == Kind::BadSample) {
+        if (e.num("ms") < 0) return;
+        d.badSamples.push_back({static_cast<uint64_t>(e.num("ms")), l.at});
+        if (d.badSamples.size() > kMaxBadSamples) d.badSamples.pop_front();
+    } else if (e.kind == Kind::LatencyCounts) {
+        if (e.num("threshold_ms") >= 0) d.latencyThreshold = e.unum("threshold_ms");
+    } else if (startsWith(m, kMemoryPeriod)) {
         if (auto p = period(m.substr(kMemoryPeriod.size()))) d.memoryPeriod = p;
     } else if (startsWith(m, kProcessPeriod)) {
         if (auto p = period(m.substr(kProcessPeriod.size()))) d.processPeriod = p;
-    } else if (startsWith(m, kBadSample)) {
-        const std::string_view rest = m.substr(kBadSample.size());
-        uint64_t v = 0;
-        if (!parseNumber(rest.substr(0, rest.find(' ')), v)) return;
-        d.badSamples.emplace_back(v, stampUs(l.at));
-        if (d.badSamples.size() > kMaxBadSamples) d.badSamples.pop_front();
+    } else if (startsWith(m, kLmkThreshold)) {
+        d.lmkCounterThreshold = m.substr(kLmkThreshold.size());
+    } else if (startsWith(m, kLmkTarget)) {
+        d.lmkTarget = signedOf(m.substr(kLmkTarget.size()), INT_MIN, INT_MAX);
     }
 }
 
@@ -179,44 +179,56 @@ void setPeriod(History& h, const std::optional<int>& p) {
 
 // Gives each bad sample of `h` the time of its log line: the daemon logs each
 // one as it comes, and the report holds the last ones, so they are the
-// newest lines, newest last. `offsetUs` turns a log stamp into the report's time.
-void timeEvents(History& h, const std::deque<std::pair<uint64_t, int64_t>>& logged,
-                int64_t offsetUs) {
+// newest lines before the report's values line, newest last. A stamp is in
+// `year`, or the one before when its month is later than the report's.
+void timeEvents(History& h, const std::deque<BadSample>& logged, int year, int reportMonth) {
     h.eventUs.assign(h.values.size(), std::nullopt);
     auto line = logged.rbegin();
     for (size_t i = h.values.size(); i > 0 && line != logged.rend(); --i, ++line) {
-        if (line->first != h.values[i - 1]) break;
-        h.eventUs[i - 1] = line->second + offsetUs;
+        if (line->value != h.values[i - 1]) break;
+        h.eventUs[i - 1] = stampUs(line->at, line->at.month > reportMonth ? year - 1 : year);
     }
+}
+
+const char* conditionText(Condition c) {
+    switch (c) {
+        case Condition::Memory: return TAVREND_MSG_MEMORY_CONDITION;
+        case Condition::Latency: return TAVREND_MSG_LATENCY_CONDITION;
+        case Condition::None: break;
+    }
+    return "";
 }
 
 class Reader {
 public:
-    Reader(const std::string& logName, FILE* notes, std::vector<CrashReport>& out)
-        : logName_(logName), notes_(notes), out_(out) {}
+    Reader(const std::string& logName, FILE* notes, std::vector<CrashReport>& out, time_t logEnd)
+        : logName_(logName), notes_(notes), out_(out), clock_(logEnd) {}
 
     void line(long number, std::string_view text) {
-        const auto l = logcat::parse(text);
-        if (!l || l->tag != kTag) return;
-        if (l->message == kHeader) {
+        const auto l = parse(text);
+        if (!l || l->tag != kDaemonTag) return;
+        clock_.ms(l->at);
+        const Event e = classify(l->message);
+        if (e.kind == Kind::Report) {
             finish();
             start(number, *l);
             return;
         }
-        for (std::string_view c : kConditions) {
-            if (l->message == c) condition_[l->pid] = std::string(c);
+        if (e.kind == Kind::ReportDate && report_ && l->pid == pid_) {
+            if (const auto date = dateOf(e.text("date"))) clock_.anchor(l->at, *date);
         }
-        daemonLine(daemons_[l->pid], *l);
-        if (report_ && l->pid == pid_ && l->tid == tid_) reportLine(number, l->message);
+        daemonLine(daemons_[l->pid], *l, e);
+        if (report_ && l->pid == pid_ && l->tid == tid_) reportLine(number, *l, e);
     }
 
     void finish() {
         if (!report_) return;
         closeOpenHistory();
-        report_->endUs = reportTimeUs(report_->date, head_);
+        const auto date = dateOf(report_->date);
+        const int year = date ? date->year - (head_.month == 12 && date->month == 1) : year_;
+        report_->endUs = reportTimeUs(report_->date, head_, year);
         History& upl = report_->system.back();
-        if (upl.present)
-            timeEvents(upl, daemons_[pid_].badSamples, report_->endUs - stampUs(head_));
+        if (upl.present) timeEvents(upl, samples_, year, head_.month);
         out_.push_back(std::move(*report_));
         report_.reset();
     }
@@ -226,59 +238,58 @@ private:
         fprintf(notes_, "tavrendctl: %s:%ld: %s\n", logName_.c_str(), number, text.c_str());
     }
 
-    void start(long number, const logcat::Line& l) {
+    void start(long number, const Line& l) {
         report_.emplace();
         report_->line = number;
         char stamp[32];
-        const Stamp& t = l.at;
-        snprintf(stamp, sizeof(stamp), "%02d-%02d %02d:%02d:%02d.%03d", t.month, t.day, t.hour,
-                 t.minute, t.second, t.milli);
+        formatStamp(l.at, stamp);
         report_->stamp = stamp;
-        auto it = condition_.find(l.pid);
-        if (it != condition_.end()) {
-            report_->condition = it->second;
-            condition_.erase(it);
-        }
-        const DaemonLines& d = daemons_[l.pid];
+        DaemonLines& d = daemons_[l.pid];
+        report_->condition = conditionText(d.conditions.take());
         for (const SystemHistory& h : kSystem) {
             History history = named(h.name, h.slug, h.unit);
             setPeriod(history, d.memoryPeriod);
             report_->system.push_back(std::move(history));
         }
         report_->system.back().events = true;  // the bad latency samples
+        report_->system.back().threshold = d.latencyThreshold;
+        report_->lmkTarget = d.lmkTarget;
+        report_->lmkCounterThreshold = d.lmkCounterThreshold;
         head_ = l.at;
+        year_ = clock_.year();
         pid_ = l.pid;
         tid_ = l.tid;
         process_ = -1;
+        samples_.clear();
     }
 
-    void reportLine(long number, std::string_view message) {
+    void reportLine(long number, const Line& l, const Event& e) {
         size_t which = kSystemCount;
         for (size_t k = 0; k < kSystemCount; ++k) {
-            if (startsWith(message, kSystem[k].prefix)) which = k;
+            if (e.kind == kSystem[k].kind) which = k;
         }
         if (open_ >= 0 && static_cast<size_t>(open_) != which) closeOpenHistory();
         if (which < kSystemCount) {
-            systemLine(number, which, message.substr(kSystem[which].prefix.size()));
-        } else if (startsWith(message, kDate)) {
-            report_->date = cleanText(message.substr(kDate.size()));
-        } else if (startsWith(message, kProcess)) {
-            processLine(number, message);
-        } else if (startsWith(message, kRss) || startsWith(message, kRswap)) {
-            const bool rss = startsWith(message, kRss);
-            Process* p =
-                process_ >= 0 ? &report_->processes[static_cast<size_t>(process_)] : nullptr;
-            uint64_t baseline = 0;
-            if (p == nullptr) {
-                note(number, "a process history without its PID line; skipped");
-            } else if (!processHistory(message, rss ? kRss : kRswap,
-                                       rss ? kRssBaseline : kRswapBaseline, rss ? p->rss : p->rswap,
-                                       baseline)) {
-                note(number, "cannot read the " + std::string(rss ? "RSS" : "RSwap") +
-                                 " history of pid " + std::to_string(p->pid) + "; skipped");
-            } else if (rss) {
-                p->rssBaseline = baseline;
-            }
+            // The latency values are the samples logged up to their own line.
+            if (kSystem[which].kind == Kind::UplValues && open_ < 0)
+                samples_ = daemons_[pid_].badSamples;
+            systemLine(number, which, e.text("values"));
+        } else if (e.kind == Kind::ReportDate) {
+            report_->date = cleanText(e.text("date"));
+        } else if (e.kind == Kind::Process || startsWith(l.message, "PID: ")) {
+            processLine(number, e);
+        } else if (e.kind == Kind::RssValues || e.kind == Kind::RswapValues ||
+                   startsWith(l.message, "RSS Total: ") || startsWith(l.message, "RSwap: ")) {
+            processHistory(number, l.message, e);
+        } else if (e.kind == Kind::LmkStats) {
+            std::array<uint64_t, 6> stats{};
+            for (size_t i = 0; i < stats.size(); ++i) stats[i] = e.fields[i].u;
+            report_->lmkStats = stats;
+            report_->lmkDeciding = decidingLmkKills(e, daemons_[pid_].lmkCounterThreshold);
+        } else if (e.kind == Kind::GuardrailState) {
+            report_->guardrails.push_back(
+                {static_cast<int>(e.num("pid")), cleanText(e.text("name")), e.unum("pss_kb"),
+                 e.unum("soft_kb"), e.unum("hard_kb"), static_cast<int>(e.num("kill_count"))});
         }
     }
 
@@ -311,20 +322,15 @@ private:
         open_ = -1;
     }
 
-    void processLine(long number, std::string_view message) {
-        constexpr std::string_view kName = " Process Name: ";
-        const size_t at = message.find(kName);
-        uint64_t pid = 0;
+    void processLine(long number, const Event& e) {
         process_ = -1;
-        if (at == message.npos ||
-            !parseNumber(message.substr(kProcess.size(), at - kProcess.size()), pid) ||
-            pid > INT_MAX) {
+        if (e.kind != Kind::Process || e.num("pid") < 0) {
             note(number, "cannot read the process line; its histories are skipped");
             return;
         }
         Process p;
-        p.pid = static_cast<int>(pid);
-        p.name = cleanText(message.substr(at + kName.size()));
+        p.pid = static_cast<int>(e.num("pid"));
+        p.name = cleanText(e.text("name"));
         p.rss = named("RSS", "rss", "kB");
         p.rswap = named("RSwap", "rswap", "kB");
         setPeriod(p.rss, daemons_[pid_].processPeriod);
@@ -334,26 +340,33 @@ private:
     }
 
     // "RSS Total: {1, 2}, RSS Total baseline: 1" on one line.
-    static bool processHistory(std::string_view message, std::string_view prefix,
-                               std::string_view baselineText, History& h, uint64_t& baseline) {
-        const size_t at = message.find(baselineText);
-        if (at == message.npos ||
-            !parseNumber(message.substr(at + baselineText.size()), baseline) ||
-            !parseValues(message.substr(prefix.size(), at + 1 - prefix.size()), h.values)) {
+    void processHistory(long number, std::string_view message, const Event& e) {
+        const bool rss = startsWith(message, "RSS Total: ");
+        Process* p = process_ >= 0 ? &report_->processes[static_cast<size_t>(process_)] : nullptr;
+        if (p == nullptr) {
+            note(number, "a process history without its PID line; skipped");
+            return;
+        }
+        History& h = rss ? p->rss : p->rswap;
+        if (e.kind == Kind::Other || !parseValues(e.text("values"), h.values)) {
             h.values.clear();
-            return false;
+            note(number, "cannot read the " + std::string(rss ? "RSS" : "RSwap") +
+                             " history of pid " + std::to_string(p->pid) + "; skipped");
+            return;
         }
         h.present = true;
-        return true;
+        if (rss) p->rssBaseline = e.unum("baseline");
     }
 
     const std::string& logName_;
     FILE* notes_;
     std::vector<CrashReport>& out_;
-    std::map<int, std::string> condition_;  // the last condition line of each pid
-    std::map<int, DaemonLines> daemons_;    // by pid
+    LogClock clock_;
+    std::map<int, DaemonLines> daemons_;  // by pid
     std::optional<CrashReport> report_;
+    std::deque<BadSample> samples_;  // the bad samples logged before the report's values
     Stamp head_;
+    int year_ = 1970;  // the clock's year at the report's first line
     int pid_ = 0;
     int tid_ = 0;
     long process_ = -1;  // the process whose histories come next
@@ -364,8 +377,9 @@ private:
 
 }  // namespace
 
-bool readReports(FILE* in, const std::string& logName, FILE* notes, std::vector<CrashReport>& out) {
-    Reader reader(logName, notes, out);
+bool readReports(FILE* in, const std::string& logName, FILE* notes, std::vector<CrashReport>& out,
+                 time_t logEnd) {
+    Reader reader(logName, notes, out, logEnd);
     char* buffer = nullptr;
     size_t capacity = 0;
     long number = 0;
@@ -403,4 +417,4 @@ std::vector<const Process*> topGrowth(const CrashReport& r, size_t n) {
     return out;
 }
 
-}  // namespace tavrendctl::report
+}  // namespace logread
