@@ -57,7 +57,7 @@ bool outputGone() {
 
 // A run is told apart by its process id and its first line's stamp.
 auto runKey(const DaemonStatus& s) {
-    const logcat::Stamp& t = s.started;
+    const logread::Stamp& t = s.started;
     return std::make_tuple(s.pid, t.month, t.day, t.hour, t.minute, t.second, t.milli);
 }
 
