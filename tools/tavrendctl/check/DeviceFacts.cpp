@@ -2,7 +2,6 @@
 // memory, and its processes named as the daemon names them (through the
 // daemon's own readers).
 
-#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -14,16 +13,10 @@
 namespace tavrendctl {
 namespace {
 
+// The device's memory as the daemon reads it; 0 when the root has no meminfo.
 uint64_t readMemTotalKb() {
-    FILE* f = fopen(tavrend::platform::hostPath("/proc/meminfo").c_str(), "r");
-    if (f == nullptr) return 0;
-    char line[256];
-    uint64_t kb = 0;
-    while (fgets(line, sizeof(line), f) != nullptr) {
-        if (sscanf(line, "MemTotal: %" SCNu64, &kb) == 1) break;
-    }
-    fclose(f);
-    return kb;
+    quillend::SysMeminfoKb info;
+    return quillend::StatUtil::getMeminfo(info) ? info.mem_total : 0;
 }
 
 std::string removeBlanks(const std::string& s) {
