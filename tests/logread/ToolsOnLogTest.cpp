@@ -273,18 +273,28 @@ TEST(SimOnLines, AKillIsAKillWhenTheDaemonLogsItDone) {
 }
 
 TEST(SimOnLines, TheConditionAndTheDecidingCountAreTheReports) {
-    const auto o = observed({
+    const std::vector<std::string> beforeReport = {
         at("Starting Tavren Daemon"),
         at("Configuration:"),
         at("lmk_counter_threshold: Perceptible"),
         at("---------------------------------"),
         at("SystemMemorySampler heartbeat 10, lmk_current_kills 9"),
-        at("Critical UPL condition detected since bad sample count threshold reached"),
-        at("Memory is being leaked, need to take action"),
-        at("------Tavrend Crash Report------"),
-        at("LMK Stats persistent 1 fg 2 visible 3 perceptible 6 backup 7 other 11"),
-        at("SystemMemorySampler heartbeat 20, lmk_current_kills 3"),
-    });
+    };
+    // Until a crash report, the heartbeat's count stands.
+    const auto running = observed(beforeReport);
+    EXPECT_EQ(running.lmkKills.value_or(-1), 9);
+    EXPECT_FALSE(running.lmkFromReport);
+
+    std::vector<std::string> lines = beforeReport;
+    lines.insert(lines.end(),
+                 {
+                     at("Critical UPL condition detected since bad sample count threshold reached"),
+                     at("Memory is being leaked, need to take action"),
+                     at("------Tavrend Crash Report------"),
+                     at("LMK Stats persistent 1 fg 2 visible 3 perceptible 6 backup 7 other 11"),
+                     at("SystemMemorySampler heartbeat 20, lmk_current_kills 3"),
+                 });
+    const auto o = observed(lines);
     EXPECT_EQ(o.condition, "memory");
     EXPECT_EQ(o.detectedAt.value_or(0), 7.0);  // the memory line, not the first condition line
     EXPECT_EQ(o.lmkKills.value_or(-1), 12);

@@ -89,9 +89,13 @@ TEST(HostLog, LinesFilesPrioritiesAndTruncation) {
     for (int prio = ANDROID_LOG_VERBOSE; prio <= ANDROID_LOG_FATAL; ++prio) {
         __android_log_buf_print(8, prio, "t", "p");  // the metrics buffer
     }
-    EXPECT_EQ(logs.lines("metrics"),
-              (std::vector<std::string>{"V|t       |p", "D|t       |p", "I|t       |p",
-                                        "W|t       |p", "E|t       |p", "F|t       |p"}));
+    // A priority past the known ones, either way, is written as '?'.
+    __android_log_buf_print(8, 100, "t", "p");
+    __android_log_buf_print(8, -3, "t", "p");
+    EXPECT_EQ(
+        logs.lines("metrics"),
+        (std::vector<std::string>{"V|t       |p", "D|t       |p", "I|t       |p", "W|t       |p",
+                                  "E|t       |p", "F|t       |p", "?|t       |p", "?|t       |p"}));
     const std::string longMsg(3000, 'x');
     EXPECT_EQ(__android_log_buf_print(LOG_ID_EVENTS, ANDROID_LOG_INFO, "t", "%s", longMsg.c_str()),
               1023);

@@ -12,7 +12,9 @@
 namespace logread {
 namespace {
 
-constexpr std::string_view kPriorities = "VDIWEFS";
+// The letters logcat writes, '?' for a priority it does not know
+// (system/core/liblog/logprint.cpp, filterPriToChar).
+constexpr std::string_view kPriorities = "VDIWEFS?";
 
 bool isBlank(char c) { return c == ' '; }
 
