@@ -51,8 +51,7 @@ constexpr const char* kHelp =
 
 std::string stampText(const Stamp& t) {
     char text[32];
-    snprintf(text, sizeof(text), "%02d-%02d %02d:%02d:%02d.%03d", t.month % 100, t.day % 100,
-             t.hour % 100, t.minute % 100, t.second % 100, t.milli % 1000);
+    logread::formatStamp(t, text);
     return text;
 }
 
@@ -62,15 +61,6 @@ const char* stateName(State s) {
         case State::WaitingForIdle: return "waiting_for_idle";
         case State::Rebooting: return "rebooting";
         case State::Stopped: return "stopped";
-    }
-    return "unknown";
-}
-
-const char* conditionName(Condition c) {
-    switch (c) {
-        case Condition::None: return "none";
-        case Condition::Memory: return "memory";
-        case Condition::Latency: return "latency";
     }
     return "unknown";
 }
@@ -181,7 +171,7 @@ void textGuardrails(const DaemonStatus& s, Text& t) {
 }
 
 void textRecovery(const DaemonStatus& s, Text& t) {
-    std::string text = "recovery: condition " + std::string(conditionName(s.condition));
+    std::string text = "recovery: condition " + std::string(logread::conditionName(s.condition));
     if (s.conditionAt) text += " at " + stampText(*s.conditionAt);
     if (s.waitingSince) {
         text += "; waiting for idle since " + stampText(*s.waitingSince) + " (uptime " +
@@ -323,7 +313,7 @@ void jsonGuardrails(const DaemonStatus& s, cJSON* doc) {
 
 void jsonRecovery(const DaemonStatus& s, cJSON* doc) {
     cJSON* recovery = cJSON_AddObjectToObject(doc, "recovery");
-    cJSON_AddStringToObject(recovery, "condition", conditionName(s.condition));
+    cJSON_AddStringToObject(recovery, "condition", logread::conditionName(s.condition));
     addStamp(recovery, "condition_at", s.conditionAt);
     addStamp(recovery, "waiting_since", s.waitingSince);
     addNumber(recovery, "start_uptime", s.startUptime);

@@ -19,7 +19,7 @@
 namespace tavrendctl::status {
 
 enum class State { Monitoring, WaitingForIdle, Rebooting, Stopped };
-enum class Condition { None, Memory, Latency };
+using Condition = logread::Condition;  // the reader's, as the daemon ranks them
 
 struct GuardrailRow {
     std::string name;

@@ -166,15 +166,6 @@ void recoveryEvent(DaemonStatus& s, const Event& e, const At& at) {
     }
 }
 
-Condition conditionOf(logread::Condition c) {
-    switch (c) {
-        case logread::Condition::Memory: return Condition::Memory;
-        case logread::Condition::Latency: return Condition::Latency;
-        case logread::Condition::None: break;
-    }
-    return Condition::None;
-}
-
 void startRun(DaemonStatus& s, const logread::Line& line, int64_t ms) {
     s = DaemonStatus{};
     s.found = true;
@@ -227,13 +218,13 @@ void StatusReader::feed(std::string_view text) {
     }
     if (e.kind == Kind::MemoryCondition || e.kind == Kind::LatencyCondition) {
         // The condition the loop takes, as far as the log tells it yet.
-        if (s.state == State::Monitoring && conditionOf(runs_.pendingCondition()) != s.condition) {
-            s.condition = conditionOf(runs_.pendingCondition());
+        if (s.state == State::Monitoring && runs_.pendingCondition() != s.condition) {
+            s.condition = runs_.pendingCondition();
             s.conditionAt = line->at;
         }
         return;
     }
-    if (e.kind == Kind::Report) s.condition = conditionOf(step.condition);
+    if (e.kind == Kind::Report) s.condition = step.condition;
     if (!startEvent(s, e) && !guardrailEvent(s, e, at) && !countEvent(s, e, at))
         recoveryEvent(s, e, at);
 }
